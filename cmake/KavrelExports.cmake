@@ -1,0 +1,44 @@
+# kavrel_add_shared_library(NAME SOURCES ... EXPORT_LISTS ...)
+#
+# A shared library built from the library's objects plus SOURCES that exports
+# exactly the names of the EXPORT_LISTS files (one name a line, # comments):
+# a version script on ELF platforms, a module-definition file on Windows.
+# Everything else stays hidden, C++ runtime symbols included.
+function(kavrel_read_export_lists out_var)
+  set(names "")
+  foreach(list_file IN LISTS ARGN)
+    file(STRINGS ${list_file} lines REGEX "^[A-Za-z_]")
+    list(APPEND names ${lines})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list_file})
+  endforeach()
+  set(${out_var} ${names} PARENT_SCOPE)
+endfunction()
+
+function(kavrel_add_shared_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;EXPORT_LISTS" ${ARGN})
+  kavrel_read_export_lists(names ${ARG_EXPORT_LISTS})
+  add_library(${name} SHARED $<TARGET_OBJECTS:kavrel_direct_objects> ${ARG_SOURCES})
+  target_include_directories(${name}
+    PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+    PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  target_compile_definitions(${name} PRIVATE KAVREL_DIRECT_BUILDING)
+  target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
+  if(WIN32)
+    set(def_file ${CMAKE_CURRENT_BINARY_DIR}/${name}.def)
+    list(JOIN names "\n  " body)
+    file(WRITE ${def_file} "EXPORTS\n  ${body}\n")
+    target_sources(${name} PRIVATE ${def_file})
+    # Only Windows' own DLLs at run time: the C and C++ runtimes go inside.
+    target_link_options(${name} PRIVATE -static -static-libgcc -static-libstdc++)
+    set_target_properties(${name} PROPERTIES PREFIX "")
+  else()
+    find_package(Threads REQUIRED)
+    target_link_libraries(${name} PRIVATE Threads::Threads)
+    set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
+    list(JOIN names ";\n    " body)
+    file(WRITE ${script} "{\n  global:\n    ${body};\n  local:\n    *;\n};\n")
+    target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,--no-undefined)
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${script})
+  endif()
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+endfunction()

@@ -1,0 +1,426 @@
+/*
+ * KavrelDirect: drive USB spectrometers attached through FTDI bridge chips.
+ *
+ * A flat C interface. Every function returns at once with a result code (or
+ * the value its comment names) and never throws. Two instrument protocols are
+ * spoken: the register-based CM2 packets and the older NIR commands; the
+ * library settles which one an instrument speaks when it is opened.
+ *
+ * Up to four instruments are open at a time; one of them is the active device
+ * and every device operation works on it.
+ *
+ * Threads: every exported call holds one process-wide lock for its whole
+ * duration, so calls from several threads are serialised and cannot corrupt
+ * the device table. The active device is process-wide, though: an application
+ * that drives instruments from several threads must select a device and
+ * operate on it from one thread, or serialise each select-and-operate pair
+ * itself. A call blocks its thread until its exchange completes or its time
+ * limit passes (200 ms per read for most registers, up to 120000 ms for a
+ * spectrum).
+ *
+ * Memory: the caller owns every output. Arrays come with a capacity in
+ * elements that no function writes beyond; text goes into a caller buffer,
+ * cut to size - 1 bytes and always terminated. Outputs are written only on
+ * success unless a comment says otherwise.
+ *
+ * Byte order on the wire is big-endian except for wavelength table entries
+ * (little-endian floats); values handed to the application are in host order.
+ */
+#ifndef KAVREL_DIRECT_H
+#define KAVREL_DIRECT_H
+
+#include <stdint.h>
+
+/* The one export macro. Applications define nothing: on Windows they import
+ * from the DLL; define KAVREL_DIRECT_STATIC when linking the static library. */
+#if defined(_WIN32) || defined(__CYGWIN__)
+#if defined(KAVREL_DIRECT_BUILDING)
+#define KAVREL_DIRECT_API __declspec(dllexport)
+#elif defined(KAVREL_DIRECT_STATIC)
+#define KAVREL_DIRECT_API
+#else
+#define KAVREL_DIRECT_API __declspec(dllimport)
+#endif
+#elif defined(__GNUC__) && defined(KAVREL_DIRECT_BUILDING)
+#define KAVREL_DIRECT_API __attribute__((visibility("default")))
+#else
+#define KAVREL_DIRECT_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---------------------------------------------------------------------------
+ * Result codes. Signed 32-bit; 0 is success, every failure is negative.
+ * ------------------------------------------------------------------------- */
+enum kavrel_direct_result {
+    /** Success. */
+    KAVREL_DIRECT_OK = 0,
+    /** A precondition on cached state is not met (no wavelength range
+     *  selected), or the packet parser refused a packet. */
+    KAVREL_DIRECT_ERR_GENERIC = -1,
+    /** The bridge list could not be read, is empty, or has no entry with the
+     *  given index or chip serial. */
+    KAVREL_DIRECT_ERR_NO_DEVICE = -2,
+    /** No device is active, or the slot addressed holds no open device. */
+    KAVREL_DIRECT_ERR_NOT_OPEN = -3,
+    /** A bridge read or write failed or was short, or a reply was unusable:
+     *  too short, not acknowledged, too long, an unexpected reply code. */
+    KAVREL_DIRECT_ERR_IO = -4,
+    /** An argument is out of range or a required pointer is null; also a
+     *  transfer buffer that could not be allocated. This implies a bug in the
+     *  caller (or an exhausted heap). Nothing was sent. */
+    KAVREL_DIRECT_ERR_INVALID_ARG = -5,
+    /** The bridge could not be opened, or all four slots are in use. */
+    KAVREL_DIRECT_ERR_OPEN_FAILED = -6,
+    /** A reply failed its CRC check, or the instrument reported that the
+     *  request failed its own. */
+    KAVREL_DIRECT_ERR_CRC = -7,
+    /** A CM2 reply did not parse (wrong preamble). */
+    KAVREL_DIRECT_ERR_PARSE = -8,
+    /** No reply arrived in time, or the instrument reported a timeout. */
+    KAVREL_DIRECT_ERR_TIMEOUT = -9,
+    /** The instrument's flash write protection is not open. */
+    KAVREL_DIRECT_ERR_WRITE_PROTECT = -10,
+    /** The active device's protocol has no form of this operation. Nothing
+     *  was sent. */
+    KAVREL_DIRECT_ERR_UNSUPPORTED = -11
+};
+
+/* Protocol identifiers (unsigned 32-bit). An open device is always CM2 or
+ * NIR; UNKNOWN is seen only while a device is being opened. */
+#define KAVREL_DIRECT_PROTOCOL_AUTO 0u
+#define KAVREL_DIRECT_PROTOCOL_CM2 1u
+#define KAVREL_DIRECT_PROTOCOL_NIR 2u
+#define KAVREL_DIRECT_PROTOCOL_UNKNOWN 255u
+
+/* Capability masks reported with the protocol. Their bits have no meaning to
+ * the library itself. */
+#define KAVREL_DIRECT_CAPABILITIES_CM2 0x7FFFu
+#define KAVREL_DIRECT_CAPABILITIES_NIR 0x1FFu
+
+/* Sizes of the parsed packet record. */
+#define KAVREL_DIRECT_CM2_MAX_PACKET 16384
+#define KAVREL_DIRECT_CM2_MAX_DATA 8192
+
+/* ---------------------------------------------------------------------------
+ * Records
+ * ------------------------------------------------------------------------- */
+
+/** One CM2 packet taken apart by kavrel_direct_parse_response(). Plain record
+ *  with natural alignment (about 24 KiB); the caller allocates it. */
+typedef struct cm2_packet {
+    uint8_t raw[KAVREL_DIRECT_CM2_MAX_PACKET]; /**< the packet as given */
+    int32_t raw_len;                           /**< the length given */
+    uint8_t pre[8];                            /**< bytes 0-7, the preamble */
+    uint8_t ver;                               /**< VER, byte 8 */
+    uint16_t ta;                               /**< target address, bytes 9-10 */
+    uint16_t sa;                               /**< source address, bytes 11-12 */
+    uint8_t srv;                               /**< service code, byte 13 */
+    uint8_t fsn;                               /**< file sequence number, byte 14 */
+    uint16_t file_len;                         /**< FileLen in words, bytes 15-16 */
+    uint16_t data_len;                         /**< DataLen in words, bytes 17-18 */
+    uint16_t sn_packets;                       /**< packets of the transfer, byte 19 */
+    uint16_t sn_index;                         /**< index of this packet, byte 20 */
+    uint8_t pio_reg;                           /**< register, byte 21 */
+    uint32_t pio_addr;                         /**< 24-bit address, bytes 22-24 */
+    uint8_t ans_status;                        /**< high nibble of byte 25 */
+    uint8_t ans_reply;                         /**< reply code, byte 27 */
+    uint8_t data[KAVREL_DIRECT_CM2_MAX_DATA];  /**< data bytes */
+    int32_t data_size;                         /**< bytes held in data */
+    uint32_t crc;                              /**< last four bytes, big-endian */
+    int32_t preamble_ok;                       /**< 1 when the preamble is right */
+    int32_t crc_ok;                            /**< 1 when the CRC-32 matches */
+} cm2_packet;
+
+/** Identity of the active device, filled by kavrel_direct_get_device_info().
+ *  168 bytes without gaps; every text is NUL-terminated. */
+typedef struct kavrel_direct_device_info {
+    uint32_t protocol;         /**< KAVREL_DIRECT_PROTOCOL_* */
+    uint32_t capabilities;     /**< KAVREL_DIRECT_CAPABILITIES_* */
+    char protocol_name[32];    /**< "UVVIS_CM2", "NIR_LEGACY" or "UNKNOWN" */
+    char model[32];            /**< empty when the model could not be read */
+    char serial_number[32];    /**< empty when it could not be read */
+    char hardware_version[64]; /**< empty when it could not be read */
+} kavrel_direct_device_info;
+
+/** The selected wavelength range of the active device. */
+typedef struct kavrel_direct_wavelength_selection {
+    double requested_start;  /**< lower bound the application gave */
+    double requested_end;    /**< upper bound the application gave */
+    double actual_start;     /**< wavelength of the point at start_index */
+    double actual_end;       /**< wavelength of the point at end_index */
+    uint16_t start_index;    /**< first selected point */
+    uint16_t end_index;      /**< last selected point */
+    uint16_t selected_count; /**< end_index - start_index + 1 */
+} kavrel_direct_wavelength_selection;
+
+#if defined(__cplusplus) && __cplusplus >= 201103L
+static_assert(sizeof(kavrel_direct_device_info) == 168, "device info is 168 bytes");
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+_Static_assert(sizeof(kavrel_direct_device_info) == 168, "device info is 168 bytes");
+#else
+typedef char kavrel_direct_device_info_is_168_bytes[(sizeof(kavrel_direct_device_info) == 168) ? 1 : -1];
+#endif
+
+/* ---------------------------------------------------------------------------
+ * CM2 packet codec and trace. Pure functions: no device, no lock needed.
+ * ------------------------------------------------------------------------- */
+
+/** CRC-32 (IEEE 802.3, reflected 0xEDB88320) of length bytes.
+ *  Returns 0 when length is below 1 (bytes is then not read). */
+KAVREL_DIRECT_API uint32_t kavrel_direct_crc32(const uint8_t *bytes, int32_t length);
+
+/** Takes a received CM2 packet apart into *out (cleared first).
+ *  Returns 0 for a packet of at least 24 bytes with a right preamble; -1 for a
+ *  shorter packet (record all zero) or a wrong preamble (fields filled,
+ *  preamble_ok 0). A CRC mismatch still returns 0 with crc_ok 0.
+ *  Implementer's choice: a null packet or out, or a length above 16384, is
+ *  refused with -1 and nothing is read (out, when given, is cleared). */
+KAVREL_DIRECT_API int32_t kavrel_direct_parse_response(const uint8_t *packet, int32_t length,
+                                                       cm2_packet *out);
+
+/** Prints length bytes as " %02X" groups, 16 per line, continuation lines
+ *  indented by 7 spaces, then a line break. A null pointer prints only the
+ *  line break. */
+KAVREL_DIRECT_API void kavrel_direct_dump_hex(const uint8_t *bytes, int32_t length);
+
+/** Name of a CM2 service code; "Unknown Service" for codes outside the table.
+ *  The text is constant and lives as long as the library. */
+KAVREL_DIRECT_API const char *kavrel_direct_srv_name(uint8_t code);
+
+/** Name of a CM2 reply code; "Unknown Reply" for codes outside the table. */
+KAVREL_DIRECT_API const char *kavrel_direct_ans_reply_name(uint8_t code);
+
+/** Prints the field tree of a parsed packet on standard output (UTF-8).
+ *  A null pointer prints nothing. */
+KAVREL_DIRECT_API void kavrel_direct_print_parsed(const cm2_packet *packet);
+
+/* ---------------------------------------------------------------------------
+ * Device table
+ * ------------------------------------------------------------------------- */
+
+/** Closes the active device and frees its slot; afterwards no device is
+ *  active. Does nothing when no device is active. Other devices stay open. */
+KAVREL_DIRECT_API void kavrel_direct_close_device(void);
+
+/** Closes every open device; afterwards no device is active. */
+KAVREL_DIRECT_API void kavrel_direct_close_all_devices(void);
+
+/** 1 when a device is active (and open), else 0. */
+KAVREL_DIRECT_API int32_t kavrel_direct_is_open(void);
+
+/** Number of open devices, 0 to 4. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_open_device_count(void);
+
+/** Makes slot index (0 to 3) the active device.
+ *  Returns 0; -5 for an index outside 0..3; -3 when the slot is not open
+ *  (the active device is then unchanged). */
+KAVREL_DIRECT_API int32_t kavrel_direct_select_device(int32_t index);
+
+/** How devices opened from now on settle their protocol:
+ *  KAVREL_DIRECT_PROTOCOL_AUTO (probe), _CM2 or _NIR (forced, no probe).
+ *  Returns 0; -5 for any other value (the old preference stays). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_protocol_preference(int32_t preference);
+
+/** Writes the active device's protocol identifier.
+ *  Returns 0; -3 no active device (checked before the pointer); -5 null. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_device_protocol(uint32_t *protocol);
+
+/** Writes the active device's capability mask.
+ *  Returns 0; -3 no active device; -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_capabilities(uint32_t *capabilities);
+
+/* ---------------------------------------------------------------------------
+ * Discovery and open
+ * ------------------------------------------------------------------------- */
+
+/** Lists the attached bridges (at most 64), printing one line
+ *  "[i] description (SN: serial)" per bridge on standard output.
+ *  Returns the number listed; 0 when listing fails, finds none, or no bridge
+ *  driver can be loaded (nothing is printed then). */
+KAVREL_DIRECT_API uint32_t kavrel_direct_scan_devices(void);
+
+/** Copies the chip serial of bridge index into buffer (cut to
+ *  buffer_size - 1 characters, always terminated).
+ *  Returns 0; -5 null buffer, buffer_size below 2 or negative index;
+ *  -2 listing failed or no bridge at index. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_chip_serial_by_index(int32_t index, char *buffer,
+                                                                 int32_t buffer_size);
+
+/** Opens bridge index of the list, takes the lowest free slot, makes it
+ *  active and settles the protocol (preference, or a CM2 probe and then an
+ *  NIR probe; an instrument answering neither is treated as CM2). A bridge
+ *  that is open already (same chip serial) is only made active again.
+ *  Returns 0; -5 negative index; -2 listing failed or no such bridge;
+ *  -6 the bridge could not be opened or all four slots are in use. */
+KAVREL_DIRECT_API int32_t kavrel_direct_open_device(int32_t index);
+
+/** Opens the first bridge whose chip serial equals chip_serial exactly
+ *  (case-sensitive), as kavrel_direct_open_device() does.
+ *  Returns as kavrel_direct_open_device(); -5 null or empty serial;
+ *  -2 no bridge with that serial. */
+KAVREL_DIRECT_API int32_t kavrel_direct_open_device_by_chip_serial(const char *chip_serial);
+
+/* ---------------------------------------------------------------------------
+ * Device operations. Each works on the active device and first checks that
+ * one is active (-3), then its own arguments (-5), then that the device's
+ * protocol has a form of the operation (-11, nothing sent). Failures of the
+ * exchange with the instrument are returned unchanged (-4, -7, -8, -9, -10);
+ * an answer shorter than the operation needs gives -4. Setters pass their
+ * values without range checks.
+ *
+ * Implementer's choice, the same across every family: an output pointer that
+ * the operation would write, a null text buffer or a size below its minimum,
+ * and a null serial-number text are refused with -5 right after the device
+ * check and before anything is sent.
+ * ------------------------------------------------------------------------- */
+
+/* Acquisition settings. The integration time (microseconds) and the average
+ * number are cached per device: they size the spectrum time limit,
+ * min(ceil(t / 1000) * max(n, 1) + 1000, 120000) ms. An average number of 0
+ * is cached as 1. */
+
+/** Sets the integration time in microseconds (NIR and CM2). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_integration_time(uint32_t microseconds);
+/** Reads the integration time in microseconds (NIR and CM2). */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_integration_time(uint32_t *microseconds);
+/** Sets the number of spectra averaged per acquisition (NIR and CM2). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_average_number(uint8_t average_number);
+/** Reads the average number (NIR and CM2); 0 is reported as read. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_average_number(uint8_t *average_number);
+/** Sets the level output (NIR and CM2). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_level_output(uint8_t level);
+/** Reads the level output (NIR and CM2). */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_level_output(uint8_t *level);
+/** Sets the two xenon lamp pulse parameters (CM2 only). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_xenon_pulse(uint32_t first, uint32_t second);
+/** Reads the two xenon lamp pulse parameters (CM2 only); -5 if either
+ *  pointer is null. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_xenon_pulse(uint32_t *first, uint32_t *second);
+/** Sets the xenon lamp mode (CM2 only). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_xenon_mode(uint8_t mode);
+/** Reads the xenon lamp mode (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_xenon_mode(uint8_t *mode);
+/** Sets the three external trigger values (CM2 only). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_external_trigger_config(uint8_t first, uint8_t second,
+                                                                    uint8_t third);
+/** Reads the three external trigger values (CM2 only); -5 if any pointer
+ *  is null. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_external_trigger_config(uint8_t *first, uint8_t *second,
+                                                                    uint8_t *third);
+/** Sets the 12-bit DAC value (low 12 bits used; CM2 only). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_dac_voltage(uint16_t value);
+/** Reads the 12-bit DAC value (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_dac_voltage(uint16_t *value);
+/** Reads the 64-bit spectrum capture status word (CM2 only); -5 null. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_spectrum_capture_status(uint64_t *status);
+
+/* Identity and status. */
+
+/** Reads the temperature in degrees (NIR and CM2); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_temperature(float *degrees);
+/** Hardware version text (NIR: the instrument's text; CM2: "%02X.%02X.%02X.%02X").
+ *  -5 null buffer or size below 2. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_hardware_version(char *buffer, int32_t size);
+/** Detector serial number text, at most 8 characters (CM2 only).
+ *  -5 null buffer or size below 1. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_detector_serial_number(char *buffer, int32_t size);
+/** Device model text (CM2: up to 16 characters; NIR: "NIR-T%u-%04X", or
+ *  "NIR" when the instrument does not answer; the NIR form never fails).
+ *  -5 null buffer or size below 2. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_device_model(char *buffer, int32_t size);
+/** Sets the USB baud-rate value (CM2 only). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_usb_baud_rate(uint16_t value);
+/** Reads the USB baud-rate value (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_usb_baud_rate(uint16_t *value);
+/** Writes 1 when the USB status is set, else 0 (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_usb_status(uint32_t *status);
+/** Writes the instrument serial number, at most 12 characters (CM2 only);
+ *  -5 null text. */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_serial_number(const char *serial_number);
+/** Instrument serial number text (CM2: up to 12 characters; NIR: "NIR",
+ *  nothing sent). -5 null buffer or size below 2. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_serial_number(char *buffer, int32_t size);
+/** Fills *info: protocol, capabilities, protocol name, then asks the model,
+ *  serial number and hardware version in that order; a field whose request
+ *  fails is left empty and the result is still 0. -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_device_info(kavrel_direct_device_info *info);
+
+/* Stored defaults and maintenance. */
+
+/** Stored integration time (CM2 only). The cached integration time is not
+ *  changed. */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_integration_time(uint32_t value);
+/** Reads the stored integration time (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_stored_integration_time(uint32_t *value);
+/** Stored average number (CM2 only). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_average_number(uint8_t value);
+/** Reads the stored average number (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_stored_average_number(uint8_t *value);
+/** Stored smoothing width (CM2; on NIR returns 0 and sends nothing). */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_smoothing_width(uint8_t value);
+/** Reads the stored smoothing width (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_stored_smoothing_width(uint8_t *value);
+/** Reads the slit width (CM2 only); -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_slit_width(uint8_t *value);
+/** Opens the flash write protection (NIR and CM2). Nothing closes it again. */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_flash_write_protect(void);
+/** Writes 1 while the flash write protection is open, else 0 (NIR and CM2);
+ *  -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_flash_write_protect(uint32_t *is_open);
+/** Resets the instrument (NIR and CM2). On success the cached point count and
+ *  the selected wavelength range are cleared; on failure nothing changes. */
+KAVREL_DIRECT_API int32_t kavrel_direct_reset_device(void);
+
+/* ---------------------------------------------------------------------------
+ * Spectral data and memory
+ * ------------------------------------------------------------------------- */
+
+/** The four calibration coefficients as the instrument stores them, each an
+ *  8-byte big-endian value put into host order and returned as the IEEE-754
+ *  double with that bit pattern (implementer's choice of type; no arithmetic
+ *  is done on them). -5 null pointer. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_calibration_coefficients(double coefficients[4]);
+/** Number of wavelength points; always asks the instrument. -5 null. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_wavelength_count(uint16_t *count);
+/** The whole wavelength table into wavelengths[0..capacity).
+ *  -5 null array, capacity below 1 or below the point count. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_full_wavelength_data(double *wavelengths, int32_t capacity);
+/** The table's two end values, smaller first. -5 either pointer null;
+ *  -4 the instrument reports no points. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_full_wavelength_range(double *first, double *last);
+/** Selects the run of points whose wavelengths lie in [start, end].
+ *  -5 unless end > start, bounds outside the table or no point inside;
+ *  -4 the instrument reports 0 or more than 2048 points. A failed call keeps
+ *  the previous selection. */
+KAVREL_DIRECT_API int32_t kavrel_direct_set_selected_wavelength_range(double start, double end);
+/** Copies the selected range. -5 null pointer; -1 no range selected. */
+KAVREL_DIRECT_API int32_t
+kavrel_direct_get_selected_wavelength_range(kavrel_direct_wavelength_selection *selection);
+/** Wavelengths of the selected points. -5 null array or capacity below the
+ *  selected count; -1 no range selected. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_selected_wavelength_data(double *wavelengths, int32_t capacity);
+/** Acquires one whole spectrum, one sample per detector point.
+ *  -5 null array, capacity below 1 or below the number of samples due. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_full_spectrum_data(uint16_t *samples, int32_t capacity);
+/** Acquires one spectrum and returns the selected points of it.
+ *  -5 null array or capacity below the selected count; -1 no range selected. */
+KAVREL_DIRECT_API int32_t kavrel_direct_get_selected_spectrum_data(uint16_t *samples, int32_t capacity);
+/** Reads flash page into buffer. Returns the number of bytes stored (0 or
+ *  more) or a negative result code. */
+KAVREL_DIRECT_API int32_t kavrel_direct_flash_read(uint16_t page, uint8_t *buffer, int32_t length);
+/** Writes length bytes to flash page. Returns 0 or a negative result code. */
+KAVREL_DIRECT_API int32_t kavrel_direct_flash_write(uint16_t page, const uint8_t *data, int32_t length);
+/** Starts an externally controlled spectrum with control, waits for it and
+ *  reads it into spectrum (at most count values; CM2 only). Returns twice the
+ *  number of values stored, or a negative result code. */
+KAVREL_DIRECT_API int32_t kavrel_direct_external_spectrum_control(uint16_t control, uint16_t *spectrum,
+                                                                  int32_t count);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KAVREL_DIRECT_H */

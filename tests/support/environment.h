@@ -1,0 +1,27 @@
+// Setting and clearing environment variables on every platform we test on.
+#ifndef KAVREL_TESTS_ENVIRONMENT_H
+#define KAVREL_TESTS_ENVIRONMENT_H
+
+#include <cstdlib>
+
+namespace kavrel::test {
+
+inline void set_env(const char *name, const char *value) {
+#ifdef _WIN32
+    _putenv_s(name, value);
+#else
+    setenv(name, value, 1);
+#endif
+}
+
+inline void unset_env(const char *name) {
+#ifdef _WIN32
+    _putenv_s(name, "");
+#else
+    unsetenv(name);
+#endif
+}
+
+}  // namespace kavrel::test
+
+#endif
