@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "transport/api_call.h"
+#include "transport/device_call.h"
 
 namespace kavrel {
 
@@ -92,21 +93,17 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_protocol_preference(int32_t preferen
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_device_protocol(uint32_t *protocol) {
-    return api_call([protocol]() -> int32_t {
-        device_slot *slot;
-        if (int32_t rc = guard(slot)) return rc;
+    return device_call([protocol](device_slot &slot) -> int32_t {
         if (protocol == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        *protocol = slot->protocol;
+        *protocol = slot.protocol;
         return KAVREL_DIRECT_OK;
     });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_capabilities(uint32_t *capabilities) {
-    return api_call([capabilities]() -> int32_t {
-        device_slot *slot;
-        if (int32_t rc = guard(slot)) return rc;
+    return device_call([capabilities](device_slot &slot) -> int32_t {
         if (capabilities == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        *capabilities = slot->capabilities;
+        *capabilities = slot.capabilities;
         return KAVREL_DIRECT_OK;
     });
 }
