@@ -4,6 +4,7 @@
 // device first.
 #include <cstring>
 #include <functional>
+#include <iterator>
 
 #include "spectral/transfer_buffer.h"
 #include "support/device_fixture.h"

@@ -1,6 +1,8 @@
 // Spectrum acquisition: the whole spectrum in both protocols with its time
 // limit and the NIR frame marks, and the selected part of it.
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "support/device_fixture.h"
 #include "support/spectral_model.h"

@@ -1,8 +1,11 @@
 // Wavelength calibration: coefficients, point count, table, end values and
 // the selected range, in both protocols.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <string>
 
 #include "support/device_fixture.h"
 #include "support/spectral_model.h"

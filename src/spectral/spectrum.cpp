@@ -75,10 +75,7 @@ int32_t nir_read_spectrum(const device_slot &slot, uint16_t *samples, int32_t ca
 }
 
 int32_t cm2_read_spectrum(const device_slot &slot, uint16_t *samples, int32_t capacity, int32_t &delivered) {
-    uint16_t count = slot.wavelength_count;
-    if (count == 0)
-        if (int32_t rc = read_wavelength_count(count)) return rc;
-    if (count > capacity) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    if (int32_t rc = require_room_for_points(slot.wavelength_count, capacity)) return rc;
     // The query asks for the largest spectrum; the exchange cuts the answer
     // at the samples the caller has room for.
     transfer_buffer<uint8_t> raw;

@@ -34,7 +34,6 @@ public:
     }
 
     T *data() const { return data_; }
-    size_t size() const { return count_; }
     // The room in bytes, as the exchanges take it.
     int32_t bytes() const { return static_cast<int32_t>(count_ * sizeof(T)); }
 

@@ -60,6 +60,13 @@ int32_t read_wavelength_count(uint16_t &count) {
     return KAVREL_DIRECT_OK;
 }
 
+int32_t require_room_for_points(uint16_t cached_count, int32_t capacity) {
+    uint16_t count = cached_count;
+    if (count == 0)
+        if (int32_t rc = read_wavelength_count(count)) return rc;
+    return count > capacity ? KAVREL_DIRECT_ERR_INVALID_ARG : KAVREL_DIRECT_OK;
+}
+
 int32_t read_wavelength_table(double *wavelengths, int32_t capacity, int32_t &delivered) {
     device_slot *slot;
     if (int32_t rc = guard(slot)) return rc;
@@ -74,10 +81,7 @@ int32_t read_wavelength_table(double *wavelengths, int32_t capacity, int32_t &de
         return KAVREL_DIRECT_OK;
     }
 
-    uint16_t count = slot->wavelength_count;
-    if (count == 0)
-        if (int32_t rc = read_wavelength_count(count)) return rc;
-    if (count > capacity) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    if (int32_t rc = require_room_for_points(slot->wavelength_count, capacity)) return rc;
     // The query asks for the largest table; only the entries the caller has
     // room for are kept, the exchange cuts the answer there.
     transfer_buffer<uint8_t> raw;

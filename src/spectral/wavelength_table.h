@@ -20,6 +20,11 @@ constexpr int32_t kMaxWavelengthPoints = 2048;
 // table read, since NIR has no count request) and caches it.
 int32_t read_wavelength_count(uint16_t &count);
 
+// CM2 whole-table and whole-spectrum reads are sized by the cached point
+// count, asked for first when not known yet: a capacity below it is -5, before
+// anything but the count is requested.
+int32_t require_room_for_points(uint16_t cached_count, int32_t capacity);
+
 // Reads the whole table into wavelengths[0..capacity); delivered receives the
 // number of entries written. NIR: more entries than capacity is -5. CM2: the
 // cached count (read first when 0) above capacity is -5 before the query;
