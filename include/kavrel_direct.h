@@ -378,44 +378,151 @@ KAVREL_DIRECT_API int32_t kavrel_direct_reset_device(void);
  * Spectral data and memory
  * ------------------------------------------------------------------------- */
 
+/* Wavelength points are numbered in detector order from 0; the library reads
+ * at most 2048 of them. Each wavelength is sent as a single-precision float
+ * and handed over widened to a double, unit as the instrument reports it.
+ * The point count is cached per device for the CM2 table and spectrum reads;
+ * the selected range is kept per device until a new one is set, the device is
+ * reset, or it is closed. */
+
 /** The four calibration coefficients as the instrument stores them, each an
  *  8-byte big-endian value put into host order and returned as the IEEE-754
  *  double with that bit pattern (implementer's choice of type; no arithmetic
- *  is done on them). -5 null pointer. */
+ *  is done on them). NIR and CM2.
+ *  Returns 0; -5 null pointer; -4 fewer than 32 bytes of answer. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_calibration_coefficients(double coefficients[4]);
-/** Number of wavelength points; always asks the instrument. -5 null. */
+
+/** Number of wavelength points; always asks the instrument (NIR: by reading
+ *  its whole table) and caches the answer. NIR and CM2.
+ *  Returns 0; -5 null pointer; -4 a short count answer, or an NIR table reply
+ *  that is empty or not whole entries. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_wavelength_count(uint16_t *count);
-/** The whole wavelength table into wavelengths[0..capacity).
- *  -5 null array, capacity below 1 or below the point count. */
+
+/** The whole wavelength table into wavelengths[0..capacity). NIR and CM2.
+ *  NIR: the count is the number of entries the reply carries (cached).
+ *  CM2: the cached count (read first when not known) must fit capacity; then
+ *  as many entries as the answer holds, up to capacity, are written and the
+ *  rest of the array is left alone (an answer without a whole entry writes
+ *  nothing and still returns 0). The application learns how many entries are
+ *  due from kavrel_direct_get_wavelength_count().
+ *  Returns 0; -5 null array, capacity below 1 or below the point count (then
+ *  nothing is written and a CM2 instrument is not asked for its table);
+ *  -5 the transfer buffer could not be allocated; -4 an NIR reply that is
+ *  empty or not whole entries. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_full_wavelength_data(double *wavelengths, int32_t capacity);
-/** The table's two end values, smaller first. -5 either pointer null;
- *  -4 the instrument reports no points. */
+
+/** The table's two end values, smaller first (first entry and last entry,
+ *  swapped when descending; with a NaN at either end nothing is swapped).
+ *  Asks for the count, then reads the whole table. NIR and CM2.
+ *  Returns 0; -5 either pointer null or a buffer could not be allocated;
+ *  -4 the instrument reports no points.
+ *  Implementer's choice: -4 also when the table answer holds fewer entries
+ *  than the count just read, so that no end value comes from memory the
+ *  instrument never filled. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_full_wavelength_range(double *first, double *last);
-/** Selects the run of points whose wavelengths lie in [start, end].
- *  -5 unless end > start, bounds outside the table or no point inside;
+
+/** Selects the run of points from the first to the last whose wavelengths
+ *  lie in [start, end] (both bounds included, a NaN entry never inside; in a
+ *  table that is not monotonic the points between them belong to the run
+ *  whatever their wavelength). Reads the end values, then the count and the
+ *  table again. NIR and CM2.
+ *  Returns 0; -5 unless end > start (also for a NaN bound), bounds beyond the
+ *  table's end values, no point inside, or a buffer could not be allocated;
  *  -4 the instrument reports 0 or more than 2048 points. A failed call keeps
- *  the previous selection. */
+ *  the previous selection (or its absence).
+ *  Implementer's choice: -4 also when a table answer holds fewer entries
+ *  than the count just read; the scan never looks at unfilled memory. */
 KAVREL_DIRECT_API int32_t kavrel_direct_set_selected_wavelength_range(double start, double end);
-/** Copies the selected range. -5 null pointer; -1 no range selected. */
+
+/** Copies the selected range; nothing is sent to the instrument.
+ *  Returns 0; -5 null pointer; -1 no range selected. */
 KAVREL_DIRECT_API int32_t
 kavrel_direct_get_selected_wavelength_range(kavrel_direct_wavelength_selection *selection);
-/** Wavelengths of the selected points. -5 null array or capacity below the
- *  selected count; -1 no range selected. */
+
+/** Wavelengths of the selected points into wavelengths[0..selected_count).
+ *  NIR reads the count and the whole table and cuts the run out of it; CM2
+ *  reads only the selected entries, and writes as many as its answer holds
+ *  (an answer without a whole entry writes nothing and still returns 0).
+ *  Returns 0; -5 null array, capacity below the selected count, or a buffer
+ *  could not be allocated; -1 no range selected.
+ *  Implementer's choice (NIR): -4 when the table just read no longer reaches
+ *  the end of the selection (the instrument reports fewer points than when
+ *  the range was set), rather than copying entries no answer filled. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_selected_wavelength_data(double *wavelengths, int32_t capacity);
-/** Acquires one whole spectrum, one sample per detector point.
- *  -5 null array, capacity below 1 or below the number of samples due. */
+
+/* Spectra. Samples are unsigned 16-bit, one per wavelength point, in
+ * detector order. Each call acquires a fresh spectrum and waits for it up to
+ * the spectrum time limit. */
+
+/** Acquires one whole spectrum into samples[0..capacity). NIR and CM2.
+ *  NIR: the samples are what the reply carries between its optional start
+ *  mark (AA 55 BB 44, or AA 55 BB 44 CC 33 DD 22) and its optional end mark
+ *  (DD DD AA AA); their number is cached as the point count.
+ *  CM2: the cached count (read first when not known) must fit capacity; then
+ *  as many samples as the answer holds, up to capacity, are written and the
+ *  rest of the array is left alone (an answer without data writes nothing and
+ *  still returns 0).
+ *  Returns 0; -5 null array, capacity below 1 or below the number of samples
+ *  due (nothing is written; CM2 sends no spectrum request), or the transfer
+ *  buffer could not be allocated; -4 an NIR frame with no sample bytes or an
+ *  odd number of them; -9 no spectrum within the time limit. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_full_spectrum_data(uint16_t *samples, int32_t capacity);
-/** Acquires one spectrum and returns the selected points of it.
- *  -5 null array or capacity below the selected count; -1 no range selected. */
+
+/** Acquires one spectrum and writes its selected points into
+ *  samples[0..selected_count). Asks for the point count, then acquires the
+ *  whole spectrum. NIR and CM2.
+ *  Returns 0; -5 null array, capacity below the selected count, a buffer
+ *  could not be allocated, or an NIR frame with more samples than the table
+ *  has points; -1 no range selected (checked after the null array);
+ *  -4 as kavrel_direct_get_full_spectrum_data().
+ *  Implementer's choice: -4 when the point count no longer reaches the end of
+ *  the selection (no spectrum is then acquired), and -4 when the spectrum
+ *  delivers fewer samples than the selection needs; samples the instrument
+ *  did not send are never handed over. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_selected_spectrum_data(uint16_t *samples, int32_t capacity);
+
+/* Flash memory pages. The page number is passed on unchanged. The CM2 forms
+ * poll the instrument up to 50 times, 50 ms apart, for completion. */
+
 /** Reads flash page into buffer. Returns the number of bytes stored (0 or
- *  more) or a negative result code. */
+ *  more) or a negative result code. NIR and CM2.
+ *  NIR: at most length bytes of the reply are stored; -5 null buffer or
+ *  length below 1.
+ *  CM2: the page buffer is read in whole words, ceil(length / 4) of them and
+ *  at most 256, so buffer must hold length rounded up to a multiple of 4, at
+ *  most 1024 bytes (length 10 stores up to 12 bytes and returns 12 for a full
+ *  reply); a longer answer is cut at that room.
+ *  Returns -4 the instrument reports failure or a short status; -9 no
+ *  completion after 50 polls.
+ *  Implementer's choice (CM2): a null buffer or a negative length is refused
+ *  with -5 before anything is sent; length 0 asks for no words. */
 KAVREL_DIRECT_API int32_t kavrel_direct_flash_read(uint16_t page, uint8_t *buffer, int32_t length);
-/** Writes length bytes to flash page. Returns 0 or a negative result code. */
+
+/** Writes length bytes to flash page. Returns 0 or a negative result code.
+ *  NIR and CM2.
+ *  NIR: -5 null data, length below 1 or above 8187 (one command), or the
+ *  command buffer could not be allocated.
+ *  CM2: opens the flash write protection (left open afterwards), fills the
+ *  page buffer in one write packet and commands the write with the CRC-32 of
+ *  the length bytes given; -4 the instrument reports failure or a short
+ *  status; -9 no completion after 50 polls. A failure part-way leaves what
+ *  the instrument had received.
+ *  Implementer's choice (CM2): a negative length, a length above 2016 bytes
+ *  (what one write packet carries), or null data with a length above 0 is
+ *  refused with -5 before anything is sent, the write protection included;
+ *  length 0 writes an empty page buffer with CRC 0. */
 KAVREL_DIRECT_API int32_t kavrel_direct_flash_write(uint16_t page, const uint8_t *data, int32_t length);
-/** Starts an externally controlled spectrum with control, waits for it and
- *  reads it into spectrum (at most count values; CM2 only). Returns twice the
- *  number of values stored, or a negative result code. */
+
+/** Starts an externally controlled spectrum with control, waits for it (up
+ *  to 200 polls 10 ms apart) and reads it into spectrum (at most count
+ *  values; CM2 only). Returns twice the number of values stored, or a
+ *  negative result code: -11 NIR instrument (nothing sent); -4 the
+ *  instrument reports failure or a short status; -9 no completion after 200
+ *  polls; -5 the transfer buffer could not be allocated (after the
+ *  handshake). The values beyond those the answer holds are left alone.
+ *  Implementer's choice: a null spectrum or a count below 1 is refused with
+ *  -5 before anything is sent; the transfer buffer holds min(2 * count, 4096)
+ *  bytes and a longer answer is cut there. */
 KAVREL_DIRECT_API int32_t kavrel_direct_external_spectrum_control(uint16_t control, uint16_t *spectrum,
                                                                   int32_t count);
 
