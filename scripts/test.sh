@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, then builds and tests with
-# g++, builds warning-clean with clang, and runs the suite again under
+# g++, cross-builds for Windows with mingw-w64 and runs the suite there under
+# wine, builds warning-clean with clang, and runs the suite again under
 # AddressSanitizer and UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,6 +19,13 @@ configure_and_test() {
 
 echo "== g++"
 configure_and_test build/gcc -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
+
+echo "== Windows: mingw-w64 cross build, tests under wine"
+# The Windows build of the codec client must print what the Linux one does.
+started=$SECONDS
+configure_and_test build/windows -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw-w64-x86_64.cmake \
+  -DKAVREL_NATIVE_CODEC_CLIENT="$PWD/build/gcc/tests/kavrel_codec_client"
+echo "== Windows stage took $((SECONDS - started)) s"
 
 echo "== clang"
 configure_and_test build/clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang
