@@ -12,18 +12,9 @@
 #include <windows.h>
 
 #include "kavrel_direct.h"
+#include "support/c_check.h"
 
 typedef const char *(WINAPI *log_fn)(void);
-
-static int g_failures;
-
-#define CHECK(cond)                                                            \
-    do {                                                                       \
-        if (!(cond)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++g_failures;                                                      \
-        }                                                                      \
-    } while (0)
 
 static int use_fake_driver(void) {
     char path[MAX_PATH];

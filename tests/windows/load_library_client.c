@@ -13,6 +13,7 @@
 
 #include "kavrel_direct.h"
 #include "kavrel_export_names.h"
+#include "support/c_check.h"
 
 typedef uint32_t (*count_fn)(void);
 typedef int32_t (*query_fn)(void);
@@ -21,16 +22,6 @@ typedef int32_t (*protocol_fn)(uint32_t *);
 typedef void (*action_fn)(void);
 
 static HMODULE g_dll;
-static int g_failures;
-
-#define CHECK(cond)                                                            \
-    do {                                                                       \
-        if (!(cond)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++g_failures;                                                      \
-        }                                                                      \
-    } while (0)
-
 /* GetProcAddress hands back a generic FARPROC; going through void (*)(void)
  * lets the cast to each real prototype pass -Wcast-function-type. */
 static action_fn resolve(const char *name) {
