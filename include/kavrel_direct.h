@@ -156,7 +156,9 @@ typedef struct kavrel_direct_wavelength_selection {
     uint16_t selected_count; /**< end_index - start_index + 1 */
 } kavrel_direct_wavelength_selection;
 
-#if defined(__cplusplus) && __cplusplus >= 201103L
+/* MSVC keeps __cplusplus at 199711L unless told otherwise, yet has had
+ * static_assert since Visual Studio 2010; C before C11 gets the array trick. */
+#if defined(__cplusplus) && (__cplusplus >= 201103L || (defined(_MSC_VER) && _MSC_VER >= 1600))
 static_assert(sizeof(kavrel_direct_device_info) == 168, "device info is 168 bytes");
 #elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 _Static_assert(sizeof(kavrel_direct_device_info) == 168, "device info is 168 bytes");

@@ -3,7 +3,11 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang pkg-config binutils
-          googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind)
+          googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
+          # The Windows stage: the 64-bit mingw-w64 C and C++ cross compilers
+          # with posix threads (std::mutex needs them), and wine to run the
+          # tests.
+          g++-mingw-w64-x86-64-posix wine64 wine)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, then builds and tests with
-# g++, builds warning-clean with clang, and runs the suite again under
+# g++, cross-builds for Windows with mingw-w64 and runs the suite there under
+# wine, builds warning-clean with clang, and runs the suite again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, and finally runs the
 # spectral tests, whose operations allocate per-call buffers, under valgrind.
 set -euo pipefail
@@ -8,17 +9,35 @@ cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
+passed=0
+failed=0
 
 configure_and_test() {
   local dir=$1
   shift
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
-  (cd "$dir" && ctest --output-on-failure -j "$jobs")
+  local log="$dir/ctest.log"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs") | tee "$log"
+  # ctest closes with "N% tests passed, F tests failed out of T".
+  local summary
+  summary=$(grep -E 'tests failed out of [0-9]+' "$log" | tail -n 1)
+  local stage_failed stage_total
+  stage_failed=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$summary")
+  stage_total=$(sed -E 's/.* ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$summary")
+  passed=$((passed + stage_total - stage_failed))
+  failed=$((failed + stage_failed))
 }
 
 echo "== g++"
 configure_and_test build/gcc -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
+
+echo "== Windows: mingw-w64 cross build, tests under wine"
+# The Windows build of the codec client must print what the Linux one does.
+started=$SECONDS
+configure_and_test build/windows -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw-w64-x86_64.cmake \
+  -DKAVREL_NATIVE_CODEC_CLIENT="$PWD/build/gcc/tests/kavrel_codec_client"
+echo "== Windows stage took $((SECONDS - started)) s"
 
 echo "== clang"
 configure_and_test build/clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang
@@ -33,3 +52,6 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 echo "== valgrind: spectral operations"
 valgrind --quiet --leak-check=full --error-exitcode=1 build/gcc/tests/kavrel_unit_tests \
   --gtest_brief=1 --gtest_filter='Spectral*:Wavelength*:Spectrum*:Flash*:External*'
+
+echo "== all stages"
+echo "$passed passed, $failed failed"

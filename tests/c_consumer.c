@@ -5,16 +5,7 @@
 #include <string.h>
 
 #include "kavrel_direct.h"
-
-static int failures = 0;
-
-#define CHECK(cond)                                                            \
-    do {                                                                       \
-        if (!(cond)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                        \
-        }                                                                      \
-    } while (0)
+#include "support/c_check.h"
 
 int main(void) {
     const uint8_t digits[] = "123456789";
@@ -47,6 +38,6 @@ int main(void) {
     kavrel_direct_close_device();
     kavrel_direct_close_all_devices();
 
-    if (failures == 0) puts("c consumer: all checks passed");
-    return failures == 0 ? 0 : 1;
+    if (g_failures == 0) puts("c consumer: all checks passed");
+    return g_failures == 0 ? 0 : 1;
 }

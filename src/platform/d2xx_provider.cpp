@@ -70,7 +70,14 @@ D2xx g_d2xx;
 #ifdef _WIN32
 using Library = HMODULE;
 Library open_library() {
-    return LoadLibraryA("FTD2XX.dll");
+    // A driver that is there but cannot be loaded (a missing dependency, the
+    // wrong architecture) must fail quietly, not put a system error box in
+    // front of the application's user.
+    DWORD previous_mode = 0;
+    const BOOL mode_set = SetThreadErrorMode(SEM_FAILCRITICALERRORS, &previous_mode);
+    const Library library = LoadLibraryA("FTD2XX.dll");
+    if (mode_set) SetThreadErrorMode(previous_mode, nullptr);
+    return library;
 }
 void *symbol(Library library, const char *name) {
     return reinterpret_cast<void *>(GetProcAddress(library, name));

@@ -6,6 +6,8 @@
 
 namespace kavrel::test {
 
+// On Windows an empty value removes the variable instead: the C runtime
+// keeps no empty variables.
 inline void set_env(const char *name, const char *value) {
 #ifdef _WIN32
     _putenv_s(name, value);
