@@ -28,12 +28,6 @@ bool text_buffer_ok(const char *buffer, int32_t size) {
     return buffer != nullptr && size >= 2;
 }
 
-// snprintf into buffer, at most size bytes with the terminator.
-template <typename... Args>
-void format_text(char *buffer, int32_t size, const char *format, Args... args) {
-    std::snprintf(buffer, static_cast<size_t>(size), format, args...);
-}
-
 }  // namespace
 
 extern "C" {
@@ -59,7 +53,8 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_hardware_version(char *buffer, int32
         if (speaks_nir(slot))
             copy_text(buffer, size, answer, length);
         else  // four version numbers; the second word carries nothing
-            format_text(buffer, size, "%02X.%02X.%02X.%02X", answer[0], answer[1], answer[2], answer[3]);
+            std::snprintf(buffer, static_cast<size_t>(size), "%02X.%02X.%02X.%02X", answer[0], answer[1],
+                          answer[2], answer[3]);
         return KAVREL_DIRECT_OK;
     });
 }
@@ -87,10 +82,11 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_device_model(char *buffer, int32_t s
         // Older NIR instruments may not know the model query: any failure
         // still names the family rather than fail the caller.
         if (read_nir(kNirDeviceModel, answer, length) == KAVREL_DIRECT_OK)
-            format_text(buffer, size, "NIR-T%u-%04X", static_cast<unsigned>(answer[0] & 0x0F),
-                        static_cast<unsigned>(load_be16(answer + 3)));
+            std::snprintf(buffer, static_cast<size_t>(size), "NIR-T%u-%04X",
+                          static_cast<unsigned>(answer[0] & 0x0F),
+                          static_cast<unsigned>(load_be16(answer + 3)));
         else
-            format_text(buffer, size, "NIR");
+            std::snprintf(buffer, static_cast<size_t>(size), "NIR");
         return KAVREL_DIRECT_OK;
     });
 }
@@ -139,7 +135,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_serial_number(char *buffer, int32_t 
         if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
         // NIR instruments keep no serial number the library can read.
         if (speaks_nir(slot)) {
-            format_text(buffer, size, "NIR");
+            std::snprintf(buffer, static_cast<size_t>(size), "NIR");
             return KAVREL_DIRECT_OK;
         }
         uint8_t answer[12];
@@ -158,7 +154,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_device_info(kavrel_direct_device_inf
         const char *name = slot.protocol == KAVREL_DIRECT_PROTOCOL_CM2   ? "UVVIS_CM2"
                            : slot.protocol == KAVREL_DIRECT_PROTOCOL_NIR ? "NIR_LEGACY"
                                                                          : "UNKNOWN";
-        format_text(info->protocol_name, sizeof info->protocol_name, "%s", name);
+        std::snprintf(info->protocol_name, sizeof info->protocol_name, "%s", name);
         // Each request that fails leaves only its own field empty.
         if (kavrel_direct_get_device_model(info->model, sizeof info->model) != KAVREL_DIRECT_OK)
             info->model[0] = '\0';
