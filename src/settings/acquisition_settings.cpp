@@ -130,13 +130,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_xenon_mode(uint8_t mode) {
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_xenon_mode(uint8_t *mode) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (mode == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[4];
-        if (int32_t rc = read_cm2_only(slot, kXenonMode, answer)) return rc;
-        *mode = answer[3];
-        return KAVREL_DIRECT_OK;
-    });
+    return device_call([&](device_slot &slot) { return get_cm2_value(slot, mode, kXenonMode, low_byte); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_set_external_trigger_config(uint8_t first, uint8_t second,
@@ -169,23 +163,16 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_dac_voltage(uint16_t value) {
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_dac_voltage(uint16_t *value) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (value == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[4];
-        if (int32_t rc = read_cm2_only(slot, kDacVoltage, answer)) return rc;
-        *value = static_cast<uint16_t>(load_be32(answer) >> kDacShift);
-        return KAVREL_DIRECT_OK;
+    return device_call([&](device_slot &slot) {
+        return get_cm2_value(slot, value, kDacVoltage, [](const uint8_t *a) {
+            return static_cast<uint16_t>(load_be32(a) >> kDacShift);
+        });
     });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_spectrum_capture_status(uint64_t *status) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (status == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[8];
-        if (int32_t rc = read_cm2_only(slot, kCaptureStatus, answer)) return rc;
-        *status = load_be64(answer);
-        return KAVREL_DIRECT_OK;
-    });
+    return device_call(
+        [&](device_slot &slot) { return get_cm2_value(slot, status, kCaptureStatus, load_be64); });
 }
 
 }  // extern "C"

@@ -99,22 +99,15 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_usb_baud_rate(uint16_t value) {
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_usb_baud_rate(uint16_t *value) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (value == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[4];
-        if (int32_t rc = read_cm2_only(slot, kUsbBaudRate, answer)) return rc;
-        *value = load_be16(answer + 2);
-        return KAVREL_DIRECT_OK;
+    return device_call([&](device_slot &slot) {
+        return get_cm2_value(slot, value, kUsbBaudRate, [](const uint8_t *a) { return load_be16(a + 2); });
     });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_usb_status(uint32_t *status) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (status == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[4];
-        if (int32_t rc = read_cm2_only(slot, kUsbStatus, answer)) return rc;
-        *status = answer[3] == kUsbStatusSet ? 1 : 0;
-        return KAVREL_DIRECT_OK;
+    return device_call([&](device_slot &slot) {
+        return get_cm2_value(slot, status, kUsbStatus,
+                             [](const uint8_t *a) { return a[3] == kUsbStatusSet ? 1u : 0u; });
     });
 }
 

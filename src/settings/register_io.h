@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <initializer_list>
 
+#include "kavrel_direct.h"
 #include "transport/cm2_exchange.h"
 #include "transport/device_table.h"
 
@@ -86,6 +87,23 @@ int32_t read_setting(const device_slot &slot, const Register &r, const NirQuery 
 // A register of an operation that has only a CM2 form: -11 on any other
 // protocol before anything is sent, else as read_register.
 int32_t read_cm2_only(const device_slot &slot, const Register &r, uint8_t *answer);
+
+// A getter with only a CM2 form: -5 for a null output, -11 on any other
+// protocol, then the register decoded into *out. out is written only on
+// success.
+template <typename T, typename Decode>
+int32_t get_cm2_value(const device_slot &slot, T *out, const Register &r, Decode decode) {
+    if (out == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    uint8_t answer[kMaxAnswerBytes];
+    if (int32_t rc = read_cm2_only(slot, r, answer)) return rc;
+    *out = decode(answer);
+    return KAVREL_DIRECT_OK;
+}
+
+// Byte 3 of a word: where every one-byte setting sits.
+inline uint8_t low_byte(const uint8_t *word) {
+    return word[3];
+}
 
 // CM2 writes: length bytes as they are; a 32-bit word big-endian; a one-byte
 // setting in byte 3 of its word with the other three bytes 0.

@@ -18,15 +18,6 @@ constexpr uint8_t kResetCode = 0xAA;
 constexpr uint8_t kNirOpenWriteProtect = 0xA5;
 constexpr uint8_t kNirReset = 0x52;  // 'R'
 
-// A one-byte stored value (byte 3 of its word), CM2 only.
-int32_t read_stored_byte(const device_slot &slot, const Register &r, uint8_t *value) {
-    if (value == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-    uint8_t answer[4];
-    if (int32_t rc = read_cm2_only(slot, r, answer)) return rc;
-    *value = answer[3];
-    return KAVREL_DIRECT_OK;
-}
-
 int32_t write_stored_byte(const device_slot &slot, const Register &r, uint8_t value) {
     if (int32_t rc = require_cm2(slot)) return rc;
     return write_byte(r, value);
@@ -44,13 +35,8 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_integration_time(uint32_t val
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_stored_integration_time(uint32_t *value) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (value == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[4];
-        if (int32_t rc = read_cm2_only(slot, kStoredIntegrationTime, answer)) return rc;
-        *value = load_be32(answer);
-        return KAVREL_DIRECT_OK;
-    });
+    return device_call(
+        [&](device_slot &slot) { return get_cm2_value(slot, value, kStoredIntegrationTime, load_be32); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_average_number(uint8_t value) {
@@ -60,7 +46,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_average_number(uint8_t value)
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_stored_average_number(uint8_t *value) {
     return device_call(
-        [&](device_slot &slot) { return read_stored_byte(slot, kStoredAverageNumber, value); });
+        [&](device_slot &slot) { return get_cm2_value(slot, value, kStoredAverageNumber, low_byte); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_smoothing_width(uint8_t value) {
@@ -73,11 +59,11 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_stored_smoothing_width(uint8_t value
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_stored_smoothing_width(uint8_t *value) {
     return device_call(
-        [&](device_slot &slot) { return read_stored_byte(slot, kStoredSmoothingWidth, value); });
+        [&](device_slot &slot) { return get_cm2_value(slot, value, kStoredSmoothingWidth, low_byte); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_slit_width(uint8_t *value) {
-    return device_call([&](device_slot &slot) { return read_stored_byte(slot, kSlitWidth, value); });
+    return device_call([&](device_slot &slot) { return get_cm2_value(slot, value, kSlitWidth, low_byte); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_set_flash_write_protect(void) {
