@@ -284,17 +284,21 @@ KAVREL_DIRECT_API int32_t kavrel_direct_open_device_by_chip_serial(const char *c
  * min(ceil(t / 1000) * max(n, 1) + 1000, 120000) ms. An average number of 0
  * is cached as 1. */
 
-/** Sets the integration time in microseconds (NIR and CM2). */
+/** Sets the integration time in microseconds (NIR and CM2); on success the
+ *  cached value follows, on failure it keeps its old value. */
 KAVREL_DIRECT_API int32_t kavrel_direct_set_integration_time(uint32_t microseconds);
-/** Reads the integration time in microseconds (NIR and CM2). */
+/** Reads the integration time in microseconds (NIR and CM2) and caches it;
+ *  -5 null pointer; -4 fewer than 4 bytes answered. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_integration_time(uint32_t *microseconds);
-/** Sets the number of spectra averaged per acquisition (NIR and CM2). */
+/** Sets the number of spectra averaged per acquisition (NIR and CM2). 0 is
+ *  sent as 0 and cached as 1. */
 KAVREL_DIRECT_API int32_t kavrel_direct_set_average_number(uint8_t average_number);
-/** Reads the average number (NIR and CM2); 0 is reported as read. */
+/** Reads the average number (NIR and CM2); 0 is reported as read and cached
+ *  as 1. -5 null pointer. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_average_number(uint8_t *average_number);
 /** Sets the level output (NIR and CM2). */
 KAVREL_DIRECT_API int32_t kavrel_direct_set_level_output(uint8_t level);
-/** Reads the level output (NIR and CM2). */
+/** Reads the level output (NIR and CM2); -5 null pointer. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_level_output(uint8_t *level);
 /** Sets the two xenon lamp pulse parameters (CM2 only). */
 KAVREL_DIRECT_API int32_t kavrel_direct_set_xenon_pulse(uint32_t first, uint32_t second);
@@ -321,7 +325,9 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_spectrum_capture_status(uint64_t *st
 
 /* Identity and status. */
 
-/** Reads the temperature in degrees (NIR and CM2); -5 null pointer. */
+/** Reads the temperature in degrees, 0.0625 degree per count (NIR and CM2).
+ *  NIR counts whose top five bits are set are below zero; CM2 counts never
+ *  are. -5 null pointer; -4 a short answer. */
 KAVREL_DIRECT_API int32_t kavrel_direct_get_temperature(float *degrees);
 /** Hardware version text (NIR: the instrument's text; CM2: "%02X.%02X.%02X.%02X").
  *  -5 null buffer or size below 2. */
