@@ -1,0 +1,148 @@
+/*
+ * KavrelDirect simulated instruments: the control interface.
+ *
+ * The kavrel_direct_sim library exports every kavrel_direct_* function of
+ * kavrel_direct.h, backed by simulated USB bridges with CM2 and NIR
+ * spectrometers behind them that speak their protocols byte for byte, plus
+ * the kavrel_sim_* functions below, which attach and unplug simulated
+ * bridges, inject faults, switch between real and virtual time and set the
+ * scene the instruments look at.
+ *
+ * Before anything is attached, listing finds the default pair: a CM2
+ * instrument (chip serial "KSIM0001") and a NIR instrument ("KSIM0002").
+ * The first kavrel_sim_attach() after loading or after kavrel_sim_reset()
+ * replaces them, so a test sees only the bridges it attached; instruments
+ * of the default pair that are open then behave as unplugged.
+ *
+ * Plain C with fixed-size records, callable from any language. Every
+ * function is thread-safe; a fault may be injected while another thread
+ * waits in an acquisition. Results are the kavrel_direct result codes:
+ * KAVREL_DIRECT_OK, KAVREL_DIRECT_ERR_INVALID_ARG for a null pointer or a
+ * value out of range, KAVREL_DIRECT_ERR_NO_DEVICE for a chip serial that no
+ * attached bridge has.
+ */
+#ifndef KAVREL_SIM_H
+#define KAVREL_SIM_H
+
+#include <stdint.h>
+
+#include "kavrel_direct.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* What stands behind a simulated bridge. */
+enum kavrel_sim_instrument {
+    /** A bridge whose instrument answers nothing (a device of another kind). */
+    KAVREL_SIM_SILENT = 0,
+    KAVREL_SIM_CM2 = 1, /* = KAVREL_DIRECT_PROTOCOL_CM2 */
+    KAVREL_SIM_NIR = 2  /* = KAVREL_DIRECT_PROTOCOL_NIR */
+};
+
+/* The bridge chip's USB speed: how fast a reply's bytes flow to the host. */
+enum kavrel_sim_bridge_speed {
+    /** A full-speed chip at 3 Mbaud: 64-byte USB packets, ~300 KB/s. */
+    KAVREL_SIM_FULL_SPEED = 0,
+    /** A high-speed chip: 512-byte USB packets, ~2.6 MB/s. */
+    KAVREL_SIM_HIGH_SPEED = 1
+};
+
+/** One simulated bridge and its instrument. Fill it with
+ *  kavrel_sim_default_config(), change what matters, then attach it. Texts
+ *  are NUL-terminated; longer ones are refused. */
+typedef struct kavrel_sim_config {
+    uint32_t instrument;       /* enum kavrel_sim_instrument */
+    uint32_t bridge_speed;     /* enum kavrel_sim_bridge_speed */
+    char chip_serial[16];      /* the bridge's serial, unique among attached bridges */
+    char description[64];      /* the bridge's description in the list */
+    char model[32];            /* the instrument's model text */
+    char serial_number[32];    /* the instrument's own serial number */
+    char hardware_version[32]; /* e.g. "2.1" */
+    uint32_t point_count;      /* detector points, 1 to 4096 (NIR 1 to 1024) */
+    uint32_t reserved;         /* 0 */
+    double coefficients[4];    /* wavelength_nm(i) = c0 + c1 i + c2 i^2 + c3 i^3 */
+    double temperature_c;      /* detector temperature */
+    uint64_t seed;             /* seeds the instrument's noise */
+} kavrel_sim_config;
+
+/** The default configuration of an instrument kind: a CM2 instrument has
+ *  2048 points over about 190 to 1100 nm, a NIR instrument 256 points over
+ *  about 900 to 1700 nm. The chip serial is left for the caller to set.
+ *  Result: 0, or -5 for a null config or an unknown kind. */
+KAVREL_DIRECT_API int32_t kavrel_sim_default_config(uint32_t instrument, kavrel_sim_config *config);
+
+/** Plugs in a bridge. Results: 0; -5 a null or invalid config (texts not
+ *  terminated, point count out of range, a chip serial already attached, an
+ *  empty chip serial); -6 when 64 bridges are attached already. */
+KAVREL_DIRECT_API int32_t kavrel_sim_attach(const kavrel_sim_config *config);
+
+/** Unplugs a bridge: it leaves the list, and an instrument opened on it
+ *  fails every exchange (-4) until the application closes it. Results: 0,
+ *  -5 null serial, -2 no such bridge. */
+KAVREL_DIRECT_API int32_t kavrel_sim_detach(const char *chip_serial);
+
+/* Faults an instrument or its bridge can be told to commit. */
+enum kavrel_sim_fault_kind {
+    KAVREL_SIM_FAULT_NO_ANSWER = 1,        /* the request is swallowed */
+    KAVREL_SIM_FAULT_DELAY = 2,            /* the reply comes parameter ms late */
+    KAVREL_SIM_FAULT_TRUNCATE = 3,         /* only the first parameter bytes of the reply */
+    KAVREL_SIM_FAULT_BAD_CRC = 4,          /* the reply's CRC is wrong */
+    KAVREL_SIM_FAULT_BAD_PREAMBLE = 5,     /* CM2: the reply's preamble is wrong */
+    KAVREL_SIM_FAULT_REPLY_CODE = 6,       /* CM2: the reply carries code parameter (0xE0 to 0xE3) */
+    KAVREL_SIM_FAULT_TRICKLE = 7,          /* the reply comes a byte at a time, parameter ms apart */
+    KAVREL_SIM_FAULT_HANDSHAKE_FAILED = 8, /* CM2: command blocks end in 0xEE */
+    KAVREL_SIM_FAULT_HANDSHAKE_STUCK = 9,  /* CM2: command blocks never complete */
+    KAVREL_SIM_FAULT_NIR_REFUSE = 10,      /* NIR: the command is refused (no acknowledge) */
+    KAVREL_SIM_FAULT_READ_FAILURE = 11,    /* the bridge's read fails */
+    KAVREL_SIM_FAULT_WRITE_FAILURE = 12    /* the bridge's write fails */
+};
+
+/** A fault for the next count requests to the instrument (0: from now on,
+ *  until kavrel_sim_clear_faults). Bridge faults (read and write failure)
+ *  count bridge calls instead of requests. */
+typedef struct kavrel_sim_fault {
+    uint32_t kind;      /* enum kavrel_sim_fault_kind */
+    uint32_t count;     /* requests (or bridge calls) affected; 0: all from now on */
+    uint32_t parameter; /* milliseconds, bytes or reply code, as the kind says */
+    uint32_t reserved;  /* 0 */
+} kavrel_sim_fault;
+
+/** Results: 0; -5 null argument or unknown kind; -2 no such bridge. */
+KAVREL_DIRECT_API int32_t kavrel_sim_inject_fault(const char *chip_serial, const kavrel_sim_fault *fault);
+/** Ends every fault of the bridge. Results: 0, -5, -2. */
+KAVREL_DIRECT_API int32_t kavrel_sim_clear_faults(const char *chip_serial);
+
+/** Virtual time (nonzero) or real time (0, the default). In virtual time
+ *  every wait of the library and of the instruments passes at once and the
+ *  clock jumps forward, so a test of a two-minute acquisition runs in
+ *  microseconds. Result: 0. */
+KAVREL_DIRECT_API int32_t kavrel_sim_set_virtual_time(int32_t enabled);
+/** The simulated clock in milliseconds (arbitrary origin). */
+KAVREL_DIRECT_API double kavrel_sim_now_ms(void);
+
+/** What the instruments look at: a mercury-argon calibration lamp over a
+ *  halogen continuum, through each detector's response curve. */
+typedef struct kavrel_sim_scene {
+    int32_t lamp_lines;     /* nonzero: the emission lines are lit */
+    int32_t shutter_closed; /* nonzero: only dark signal reaches the detector */
+    double continuum_level; /* continuum counts per ms of integration at its peak */
+    double line_level;      /* counts per ms of integration of the strongest line */
+} kavrel_sim_scene;
+
+/** The scene of one bridge's instrument, or of every attached one when
+ *  chip_serial is null. Results: 0, -5 null scene, -2 no such bridge. */
+KAVREL_DIRECT_API int32_t kavrel_sim_set_scene(const char *chip_serial, const kavrel_sim_scene *scene);
+/** The default scene. Result: 0, or -5 for a null scene. */
+KAVREL_DIRECT_API int32_t kavrel_sim_default_scene(kavrel_sim_scene *scene);
+
+/** Back to the world at load: the default pair, real time, default scene, no
+ *  faults, flash pages and stored values forgotten. Instruments open on
+ *  bridges that no longer exist behave as unplugged. */
+KAVREL_DIRECT_API void kavrel_sim_reset(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KAVREL_SIM_H */
