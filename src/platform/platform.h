@@ -197,17 +197,20 @@ private:
 const Platform &current();
 void install(const Platform *provider);
 
-// The build's default provider, chosen once per process on first use.
-// Exactly one definition is linked into each library: the hardware chain
-// (the D2XX driver, then libftdi1, then the null provider) for the hardware
-// library, the simulated instruments for the simulator library, the null
-// provider for the static core.
+// The build's default provider. Exactly one definition is linked into each
+// library: the hardware chain for the hardware library, the simulated
+// instruments for the simulator library, the null provider for the static
+// core (whose programs install what they need).
 const Platform &default_provider();
 
-// One line per provider the default choice tried, ending with the one in
-// force, each with why it was taken or passed over; for diagnostics. Empty
-// until default_provider() has run.
-const char *default_provider_report();
+// The hardware chain, chosen once per process on first use: the vendor's
+// D2XX driver when it loads, else the next provider of a short ordered list
+// (libftdi1 where it is built), else the null provider.
+const Platform &hardware_provider();
+// One line per provider the chain tried, each with why it was taken or
+// passed over, ending with the one in force; for diagnostics. Runs the
+// choice if it has not run yet.
+const char *hardware_provider_report();
 
 // Provider building blocks, defined in this folder. d2xx_provider() is null
 // when the driver cannot be loaded; *why then says what failed.
