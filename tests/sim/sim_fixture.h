@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,14 @@
 #include "world.h"
 
 namespace kavrel::test {
+
+// The default configuration of a kind, on a bridge with that chip serial.
+inline kavrel_sim_config sim_config(uint32_t kind, const char *chip_serial) {
+    kavrel_sim_config c;
+    kavrel_sim_default_config(kind, &c);
+    std::snprintf(c.chip_serial, sizeof c.chip_serial, "%s", chip_serial);
+    return c;
+}
 
 class SimTest : public ::testing::Test {
 protected:
@@ -29,16 +38,10 @@ protected:
         use_provider(nullptr);
     }
 
-    static kavrel_sim_config config(uint32_t kind, const char *chip_serial) {
-        kavrel_sim_config c;
-        kavrel_sim_default_config(kind, &c);
-        snprintf(c.chip_serial, sizeof c.chip_serial, "%s", chip_serial);
-        return c;
-    }
     // Attaches a bridge of that kind and opens it, letting the library
     // probe its protocol.
     static kavrel_sim_config attach_and_open(uint32_t kind, const char *chip_serial) {
-        const kavrel_sim_config c = config(kind, chip_serial);
+        const kavrel_sim_config c = sim_config(kind, chip_serial);
         EXPECT_EQ(kavrel_sim_attach(&c), KAVREL_DIRECT_OK);
         EXPECT_EQ(kavrel_direct_open_device_by_chip_serial(chip_serial), KAVREL_DIRECT_OK);
         return c;
