@@ -24,6 +24,18 @@ inline kavrel_sim_config sim_config(uint32_t kind, const char *chip_serial) {
     return c;
 }
 
+inline std::vector<uint16_t> spectrum(size_t points) {
+    std::vector<uint16_t> s(points);
+    EXPECT_EQ(kavrel_direct_get_full_spectrum_data(s.data(), static_cast<int32_t>(points)), KAVREL_DIRECT_OK);
+    return s;
+}
+inline std::vector<double> wavelengths(size_t points) {
+    std::vector<double> w(points);
+    EXPECT_EQ(kavrel_direct_get_full_wavelength_data(w.data(), static_cast<int32_t>(points)),
+              KAVREL_DIRECT_OK);
+    return w;
+}
+
 class SimTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -45,17 +57,6 @@ protected:
         EXPECT_EQ(kavrel_sim_attach(&c), KAVREL_DIRECT_OK);
         EXPECT_EQ(kavrel_direct_open_device_by_chip_serial(chip_serial), KAVREL_DIRECT_OK);
         return c;
-    }
-    static std::vector<uint16_t> spectrum(size_t points) {
-        std::vector<uint16_t> s(points);
-        EXPECT_EQ(kavrel_direct_get_full_spectrum_data(s.data(), static_cast<int32_t>(points)), KAVREL_DIRECT_OK);
-        return s;
-    }
-    static std::vector<double> wavelengths(size_t points) {
-        std::vector<double> w(points);
-        EXPECT_EQ(kavrel_direct_get_full_wavelength_data(w.data(), static_cast<int32_t>(points)),
-                  KAVREL_DIRECT_OK);
-        return w;
     }
 };
 
