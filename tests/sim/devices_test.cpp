@@ -35,6 +35,10 @@ struct Detection {
     double probe_ms;  // the probes' time on the virtual clock, at least
 };
 
+void PrintTo(const Detection &d, std::ostream *os) {
+    *os << protocol_name(d.instrument);
+}
+
 class Detect : public SimTest, public ::testing::WithParamInterface<Detection> {};
 
 TEST_P(Detect, OpeningSettlesTheProtocol) {
@@ -158,6 +162,10 @@ const BadConfig kBadConfigs[] = {
     {"NirModelOutOfForm", [](kavrel_sim_config &c) { c = sim_config(KAVREL_SIM_NIR, "X"), std::strcpy(c.model, "NIR-X"); }},
     {"NirTooManyPoints", [](kavrel_sim_config &c) { c = sim_config(KAVREL_SIM_NIR, "X"), c.point_count = 1025; }},
 };
+
+void PrintTo(const BadConfig &b, std::ostream *os) {
+    *os << b.name;
+}
 
 class Attach : public SimTest, public ::testing::WithParamInterface<BadConfig> {};
 

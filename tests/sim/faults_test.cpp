@@ -85,6 +85,10 @@ const FaultCase kCases[] = {
     {"ReplyCodeMeansNothingToNir", NIR, {KAVREL_SIM_FAULT_REPLY_CODE, 1, 0xE2, 0}, KAVREL_DIRECT_OK},
 };
 
+void PrintTo(const FaultCase &c, std::ostream *os) {
+    *os << c.name << " on " << protocol_name(c.instrument);
+}
+
 class Faults : public SimTest, public ::testing::WithParamInterface<FaultCase> {
 protected:
     void open(uint32_t kind) {

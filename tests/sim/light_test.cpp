@@ -39,6 +39,10 @@ struct LineCase {
     double line_nm;
 };
 
+void PrintTo(const LineCase &l, std::ostream *os) {
+    *os << l.line_nm << " nm on " << protocol_name(l.instrument);
+}
+
 class Lines : public SimTest, public ::testing::WithParamInterface<LineCase> {};
 
 // A line peaks at the point whose wavelength, as the instrument's table

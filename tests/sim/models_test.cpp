@@ -86,6 +86,10 @@ struct Refusal {
     uint8_t code;
 };
 
+void PrintTo(const Refusal &r, std::ostream *os) {
+    *os << r.name;
+}
+
 class Cm2Refusals : public ::testing::TestWithParam<Refusal> {};
 
 TEST_P(Cm2Refusals, AnswerWithTheirReplyCode) {

@@ -297,6 +297,10 @@ const Operation kOperations[] = {
      }},
 };
 
+void PrintTo(const Operation &o, std::ostream *os) {
+    *os << o.name;
+}
+
 class Operations : public SimTest, public ::testing::WithParamInterface<std::tuple<Operation, uint32_t>> {};
 
 TEST_P(Operations, AnswerAsTheInstrumentHoldsThem) {
