@@ -186,7 +186,10 @@ TEST_F(Devices, AttachRefusesATakenSerialAndA65thBridge) {
     const kavrel_sim_config taken = sim_config(KAVREL_SIM_CM2, "B7"), more = sim_config(KAVREL_SIM_CM2, "B64");
     EXPECT_EQ(kavrel_sim_attach(&taken), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(kavrel_sim_attach(&more), KAVREL_DIRECT_ERR_OPEN_FAILED);
-    EXPECT_EQ(kavrel_direct_scan_devices(), 64u);
+    char serial[16];
+    EXPECT_EQ(kavrel_direct_get_chip_serial_by_index(63, serial, sizeof serial), KAVREL_DIRECT_OK);
+    EXPECT_STREQ(serial, "B63");
+    EXPECT_EQ(kavrel_direct_get_chip_serial_by_index(64, serial, sizeof serial), KAVREL_DIRECT_ERR_NO_DEVICE);
 }
 
 }  // namespace
