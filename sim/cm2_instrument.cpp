@@ -201,7 +201,8 @@ bool Cm2Instrument::valid(const kavrel_sim_config &c) {
 
 void Cm2Instrument::parse(std::vector<uint8_t> &pending, double at_ms) {
     for (;;) {
-        pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(preamble_start(pending)));
+        pending.erase(pending.begin(),
+                      pending.begin() + static_cast<std::ptrdiff_t>(preamble_start(pending)));
         if (pending.size() < static_cast<size_t>(cm2::kHeadBytes)) return;
         const uint32_t words = load_be16(&pending[cm2::kDataLenOffset]);
         if (words > kMaxWords) {
@@ -278,7 +279,8 @@ uint8_t Cm2Instrument::query(uint8_t reg, uint32_t address, uint32_t words, std:
             const uint32_t first = 2 * address;
             const uint32_t n = std::min(words, (points - first + 1) / 2);
             data.assign(4 * static_cast<size_t>(n), 0);
-            for (uint32_t i = 0; i < 2 * n && first + i < points; ++i) store_be16(&data[2 * i], samples[first + i]);
+            for (uint32_t i = 0; i < 2 * n && first + i < points; ++i)
+                store_be16(&data[2 * i], samples[first + i]);
             return cm2::kReplyAck;
         }
         case kRegPageBuffer: {
@@ -299,7 +301,8 @@ uint8_t Cm2Instrument::write(uint8_t reg, uint32_t address, const uint8_t *data,
         case kRegPageBuffer:
             if (address + words > kPageBufferWords) return cm2::kReplyInvalidCommand;
             if (!settings_.write_open) return cm2::kReplyWriteProtect;
-            std::copy(data, data + 4 * words, page_buffer_.begin() + 4 * static_cast<std::ptrdiff_t>(address));
+            std::copy(data, data + 4 * words,
+                      page_buffer_.begin() + 4 * static_cast<std::ptrdiff_t>(address));
             page_buffer_fill_ = 4 * static_cast<size_t>(address + words);
             return cm2::kReplyAck;
         default: return cm2::kReplyInvalidCommand;  // wavelengths and spectra are only read
@@ -313,7 +316,8 @@ uint8_t Cm2Instrument::query_items(uint8_t reg, uint32_t address, uint32_t words
         if (e == nullptr) return cm2::kReplyInvalidCommand;
         const std::vector<uint8_t> bytes = item_bytes(e->item, now);
         const uint32_t last = std::min(address + words, e->address + e->words);
-        data.insert(data.end(), bytes.begin() + 4 * (a - e->address), bytes.begin() + 4 * (last - e->address));
+        data.insert(data.end(), bytes.begin() + 4 * (a - e->address),
+                    bytes.begin() + 4 * (last - e->address));
         a = last;
     }
     return cm2::kReplyAck;
@@ -331,7 +335,8 @@ uint8_t Cm2Instrument::write_items(uint8_t reg, uint32_t address, const uint8_t 
         // A write of part of an item keeps its other words.
         std::vector<uint8_t> bytes = item_bytes(e->item, now);
         const uint32_t last = std::min(address + words, e->address + e->words);
-        std::copy(data + 4 * (a - address), data + 4 * (last - address), bytes.begin() + 4 * (a - e->address));
+        std::copy(data + 4 * (a - address), data + 4 * (last - address),
+                  bytes.begin() + 4 * (a - e->address));
         if (const uint8_t code = store_item(e->item, bytes.data(), now); code != cm2::kReplyAck) return code;
         a = last;
     }

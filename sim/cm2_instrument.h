@@ -46,7 +46,8 @@ private:
     uint8_t query(uint8_t reg, uint32_t address, uint32_t words, std::vector<uint8_t> &data, double now,
                   double &ready);
     uint8_t write(uint8_t reg, uint32_t address, const uint8_t *data, uint32_t words, double now);
-    uint8_t query_items(uint8_t reg, uint32_t address, uint32_t words, std::vector<uint8_t> &data, double now);
+    uint8_t query_items(uint8_t reg, uint32_t address, uint32_t words, std::vector<uint8_t> &data,
+                        double now);
     uint8_t write_items(uint8_t reg, uint32_t address, const uint8_t *data, uint32_t words, double now);
     std::vector<uint8_t> item_bytes(Item item, double now);
     uint8_t store_item(Item item, const uint8_t *bytes, double now);

@@ -89,7 +89,8 @@ void Instrument::reset() {
 
 std::vector<uint8_t> &Instrument::page(uint16_t number) {
     auto it = flash_.find(number);
-    if (it == flash_.end()) it = flash_.emplace(number, std::vector<uint8_t>(kFlashPageBytes, kErasedFlash)).first;
+    if (it == flash_.end())
+        it = flash_.emplace(number, std::vector<uint8_t>(kFlashPageBytes, kErasedFlash)).first;
     return it->second;
 }
 

@@ -172,7 +172,7 @@ bool NirInstrument::execute(const uint8_t *c, size_t length, std::vector<uint8_t
         }
         case kModel:
             // The type in the low nibble of byte 0, the number in bytes 3-4.
-            data = {static_cast<uint8_t>(model_type_), 0, 0, static_cast<uint8_t>(model_number_ >> 8),
+            data = {static_cast<uint8_t>(model_type_),   0, 0, static_cast<uint8_t>(model_number_ >> 8),
                     static_cast<uint8_t>(model_number_), 0, 0, 0};
             return true;
         case kCoefficients: data = coefficient_bytes(); return true;
@@ -201,8 +201,14 @@ bool NirInstrument::execute(const uint8_t *c, size_t length, std::vector<uint8_t
     }
     // The queries: '?' and the byte of the matching set command.
     switch (c[1]) {
-        case kIntegration: data.resize(4); store_be32(data.data(), s.integration_us); return true;
-        case kAverages: data.resize(2); store_be16(data.data(), s.averages); return true;
+        case kIntegration:
+            data.resize(4);
+            store_be32(data.data(), s.integration_us);
+            return true;
+        case kAverages:
+            data.resize(2);
+            store_be16(data.data(), s.averages);
+            return true;
         case kLevel: data = {s.level}; return true;
         case kWriteProtect: data = {static_cast<uint8_t>(s.write_open ? kWriteOpen : 0)}; return true;
         case kSpectrum: data = wavelength_bytes(0, optics().points()); return true;

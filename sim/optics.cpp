@@ -67,7 +67,8 @@ double Detector::response(double nm) const {
         return hump * logistic((nm - 220.0) / 15.0) * logistic((1030.0 - nm) / 22.0);
     }
     // InGaAs: a sharp onset near 940 nm, a slow rise, the cut-off near 1670.
-    return logistic((nm - 940.0) / 12.0) * logistic((1670.0 - nm) / 14.0) * (0.75 + 0.25 * (nm - 900.0) / 800.0);
+    return logistic((nm - 940.0) / 12.0) * logistic((1670.0 - nm) / 14.0) *
+           (0.75 + 0.25 * (nm - 900.0) / 800.0);
 }
 
 Optics::Optics(const double (&c)[4], uint32_t points, const Detector &detector)

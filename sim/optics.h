@@ -42,12 +42,12 @@ struct Scene {
 struct Detector {
     enum class Kind { silicon, ingaas };
     Kind kind;
-    double line_fwhm_nm;       // the instrument's line width
-    double dark_offset;        // counts at zero integration time
-    double dark_per_ms_25c;    // dark current, counts per ms at 25 degrees
-    double dark_doubling_c;    // degrees per doubling of the dark current
+    double line_fwhm_nm;     // the instrument's line width
+    double dark_offset;      // counts at zero integration time
+    double dark_per_ms_25c;  // dark current, counts per ms at 25 degrees
+    double dark_doubling_c;  // degrees per doubling of the dark current
     double electrons_per_count;
-    double read_noise;         // counts rms per scan
+    double read_noise;  // counts rms per scan
     double readout_ms_per_point;
 
     static Detector silicon();

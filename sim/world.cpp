@@ -56,7 +56,8 @@ World::World() {
 World::~World() = default;
 
 void World::attach_default_pair() {
-    for (const auto &[kind, serial] : {std::pair{KAVREL_SIM_CM2, kDefaultCm2Serial}, {KAVREL_SIM_NIR, kDefaultNirSerial}}) {
+    for (const auto &[kind, serial] :
+         {std::pair{KAVREL_SIM_CM2, kDefaultCm2Serial}, {KAVREL_SIM_NIR, kDefaultNirSerial}}) {
         kavrel_sim_config c;
         default_config(kind, c);
         std::snprintf(c.chip_serial, sizeof c.chip_serial, "%s", serial);
@@ -206,7 +207,8 @@ platform::Status World::close(platform::Handle handle) {
     std::shared_ptr<Bridge> bridge;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto it = std::find_if(ports_.begin(), ports_.end(), [&](const auto &p) { return p.get() == handle; });
+        const auto it =
+            std::find_if(ports_.begin(), ports_.end(), [&](const auto &p) { return p.get() == handle; });
         if (it == ports_.end()) return kInvalidHandle;
         bridge = (*it)->bridge;
         ports_.erase(it);

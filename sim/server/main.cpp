@@ -125,7 +125,7 @@ int serve_unix(Instrument &instrument, StreamLine &line, const std::string &path
         return 0;
     }
     // A socket left behind by an earlier run would make bind fail.
-    struct stat existing{};
+    struct stat existing {};
     if (::stat(path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) ::unlink(path.c_str());
     if (::bind(s, where, sizeof address) != 0 || ::listen(s, 1) != 0) return fail(path.c_str());
     std::fprintf(stderr, "kavrel-sim: listening on %s\n", path.c_str());
@@ -174,8 +174,9 @@ int main(int argc, char **argv) {
     stream->add_flag("--pty", pty, "Open a pseudo-terminal, print its path on stdout and serve it");
     stream->add_option("--unix", unix_path, "Listen on a Unix socket at PATH; one client at a time")
         ->type_name("PATH");
-    stream->add_option("--unix-connect", unix_connect,
-                       "Connect to a Unix socket another program (such as QEMU) listens on")
+    stream
+        ->add_option("--unix-connect", unix_connect,
+                     "Connect to a Unix socket another program (such as QEMU) listens on")
         ->type_name("PATH");
     stream->add_option("--tcp", tcp_port, "Listen on 127.0.0.1:PORT (0: any free port); prints the port")
         ->type_name("PORT");
@@ -204,7 +205,8 @@ int main(int argc, char **argv) {
     default_config(protocol == "nir" ? KAVREL_SIM_NIR : KAVREL_SIM_CM2, config);
     std::snprintf(config.chip_serial, sizeof config.chip_serial, "KSIM-STREAM");
     config.bridge_speed = speed == "high" ? KAVREL_SIM_HIGH_SPEED : KAVREL_SIM_FULL_SPEED;
-    if (!serial.empty()) std::snprintf(config.serial_number, sizeof config.serial_number, "%s", serial.c_str());
+    if (!serial.empty())
+        std::snprintf(config.serial_number, sizeof config.serial_number, "%s", serial.c_str());
     if (seed_given) config.seed = seed;
     if (points != 0) config.point_count = points;
     if (!valid_config(config) || serial.size() >= sizeof config.serial_number) {
@@ -224,7 +226,7 @@ int main(int argc, char **argv) {
     }
 
     std::signal(SIGPIPE, SIG_IGN);
-    struct sigaction stop{};
+    struct sigaction stop {};
     stop.sa_handler = on_signal;  // no SA_RESTART: a blocked accept or poll returns
     sigaction(SIGINT, &stop, nullptr);
     sigaction(SIGTERM, &stop, nullptr);

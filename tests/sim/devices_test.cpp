@@ -159,8 +159,10 @@ const BadConfig kBadConfigs[] = {
     {"VersionNotHexBytes", [](kavrel_sim_config &c) { std::strcpy(c.hardware_version, "1.2.300"); }},
     {"CoefficientNotFinite", [](kavrel_sim_config &c) { c.coefficients[2] = std::nan(""); }},
     {"TooCold", [](kavrel_sim_config &c) { c.temperature_c = -200; }},
-    {"NirModelOutOfForm", [](kavrel_sim_config &c) { c = sim_config(KAVREL_SIM_NIR, "X"), std::strcpy(c.model, "NIR-X"); }},
-    {"NirTooManyPoints", [](kavrel_sim_config &c) { c = sim_config(KAVREL_SIM_NIR, "X"), c.point_count = 1025; }},
+    {"NirModelOutOfForm",
+     [](kavrel_sim_config &c) { c = sim_config(KAVREL_SIM_NIR, "X"), std::strcpy(c.model, "NIR-X"); }},
+    {"NirTooManyPoints",
+     [](kavrel_sim_config &c) { c = sim_config(KAVREL_SIM_NIR, "X"), c.point_count = 1025; }},
 };
 
 void PrintTo(const BadConfig &b, std::ostream *os) {
@@ -183,7 +185,8 @@ TEST_F(Devices, AttachRefusesATakenSerialAndA65thBridge) {
         const kavrel_sim_config c = sim_config(KAVREL_SIM_SILENT, ("B" + std::to_string(i)).c_str());
         ASSERT_EQ(kavrel_sim_attach(&c), KAVREL_DIRECT_OK);
     }
-    const kavrel_sim_config taken = sim_config(KAVREL_SIM_CM2, "B7"), more = sim_config(KAVREL_SIM_CM2, "B64");
+    const kavrel_sim_config taken = sim_config(KAVREL_SIM_CM2, "B7"),
+                            more = sim_config(KAVREL_SIM_CM2, "B64");
     EXPECT_EQ(kavrel_sim_attach(&taken), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(kavrel_sim_attach(&more), KAVREL_DIRECT_ERR_OPEN_FAILED);
     char serial[16];

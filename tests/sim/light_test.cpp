@@ -67,17 +67,16 @@ TEST_P(Lines, PeakOnThePixelsTheCalibrationPutsThem) {
     EXPECT_LT(std::fabs(peak - at), 1.0) << "line " << l.line_nm << " nm at point " << at;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    MercuryAndArgon, Lines,
-    ::testing::Values(LineCase{KAVREL_SIM_CM2, {189.7, 0.49, -2.5e-5, 1.5e-9}, 253.652},
-                      LineCase{KAVREL_SIM_CM2, {189.7, 0.49, -2.5e-5, 1.5e-9}, 546.074},
-                      LineCase{KAVREL_SIM_CM2, {189.7, 0.49, -2.5e-5, 1.5e-9}, 763.511},
-                      // Another calibration moves the lines to other points.
-                      LineCase{KAVREL_SIM_CM2, {230.0, 0.41, 1.0e-5, 0}, 435.833},
-                      LineCase{KAVREL_SIM_CM2, {230.0, 0.41, 1.0e-5, 0}, 912.297},
-                      LineCase{KAVREL_SIM_NIR, {899.2, 3.41, -1.2e-3, 5e-7}, 1013.976},
-                      LineCase{KAVREL_SIM_NIR, {899.2, 3.41, -1.2e-3, 5e-7}, 1529.582},
-                      LineCase{KAVREL_SIM_NIR, {950.0, 2.5, 0, 0}, 1148.811}));
+INSTANTIATE_TEST_SUITE_P(MercuryAndArgon, Lines,
+                         ::testing::Values(LineCase{KAVREL_SIM_CM2, {189.7, 0.49, -2.5e-5, 1.5e-9}, 253.652},
+                                           LineCase{KAVREL_SIM_CM2, {189.7, 0.49, -2.5e-5, 1.5e-9}, 546.074},
+                                           LineCase{KAVREL_SIM_CM2, {189.7, 0.49, -2.5e-5, 1.5e-9}, 763.511},
+                                           // Another calibration moves the lines to other points.
+                                           LineCase{KAVREL_SIM_CM2, {230.0, 0.41, 1.0e-5, 0}, 435.833},
+                                           LineCase{KAVREL_SIM_CM2, {230.0, 0.41, 1.0e-5, 0}, 912.297},
+                                           LineCase{KAVREL_SIM_NIR, {899.2, 3.41, -1.2e-3, 5e-7}, 1013.976},
+                                           LineCase{KAVREL_SIM_NIR, {899.2, 3.41, -1.2e-3, 5e-7}, 1529.582},
+                                           LineCase{KAVREL_SIM_NIR, {950.0, 2.5, 0, 0}, 1148.811}));
 
 TEST_F(Light, CountsAboveTheDarkAreLinearInIntegrationTime) {
     const kavrel_sim_config c = attach_and_open(KAVREL_SIM_CM2, "SIM-L");

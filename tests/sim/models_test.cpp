@@ -105,43 +105,18 @@ Bytes corrupted(Bytes packet) {
     return packet;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EachCode, Cm2Refusals,
-    ::testing::Values(Refusal{"CrcWrong", corrupted(query(0xC1, 0x40, 1)), 0xE1},
-                      Refusal{"UnknownRegister", query(0xC3, 0, 1), 0xE2},
-                      Refusal{"UnknownAddress", query(0xC1, 0x30, 1), 0xE2},
-                      Refusal{"RunPastTheMap", query(0xC1, 0x00, 5), 0xE2},
-                      Refusal{"TableEnds", query(0xC5, 2048, 1), 0xE2},
-                      Refusal{"ReadOnlyWord", write(0xC1, 0x40, {0, 0, 1, 0}), 0xE2},
-                      Refusal{"PageBufferWhileProtected", write(0xC7, 0, {1, 2, 3, 4}), 0xE3},
-                      Refusal{"PageWriteWhileProtected", write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}),
-                              0xE3}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-// A page is programmed when the command block's CRC matches the buffer's
-// data: its length is not sent, so the instrument tries the buffer's words
-// less up to three bytes of padding.
-TEST(Cm2Model, ProgramsAPageWhoseCrcMatchesTheDataWithoutPadding) {
-    Capture line;
-    sim::Cm2Instrument cm2(sim_config(KAVREL_SIM_CM2, "M"), line);
-    const Bytes data = {'a', 'b', 'c', 'd', 'e'};
-    uint8_t block[8] = {0xCF, 0xDD, 0x00, 0x05};
-    store_be32(block + 4, kavrel_direct_crc32(data.data(), 5));
-    for (const Bytes &request : {write(0xC1, 0x12, {0, 0, 0, 0xEA}), write(0xC7, 0, data),
-                                 write(0xC1, 0x4A, Bytes(block, block + 8)), query(0xC1, 0x4A, 2)})
-        send(cm2, request, 0);
-    send(cm2, query(0xC1, 0x4A, 2), 1000);  // long after the programming time
-    const Bytes &busy = line.replies[3].bytes, &done = line.replies[4].bytes;
-    EXPECT_EQ(busy[cm2::kHeadBytes + 1], 0xDD);
-    EXPECT_EQ(done[cm2::kHeadBytes + 1], 0xAA);
-
-    block[0] = 0xC0;  // read page 5 back into the buffer
-    send(cm2, write(0xC1, 0x4A, Bytes(block, block + 8)), 2000);
-    send(cm2, query(0xC1, 0x4A, 2), 3000);
-    send(cm2, query(0xC7, 0, 2), 3000);
-    const Bytes &page = line.replies.back().bytes;
-    EXPECT_EQ(Bytes(page.begin() + 28, page.begin() + 36), Bytes({'a', 'b', 'c', 'd', 'e', 0xFF, 0xFF, 0xFF}));
-}
+INSTANTIATE_TEST_SUITE_P(EachCode, Cm2Refusals,
+                         ::testing::Values(Refusal{"CrcWrong", corrupted(query(0xC1, 0x40, 1)), 0xE1},
+                                           Refusal{"UnknownRegister", query(0xC3, 0, 1), 0xE2},
+                                           Refusal{"UnknownAddress", query(0xC1, 0x30, 1), 0xE2},
+                                           Refusal{"RunPastTheMap", query(0xC1, 0x00, 5), 0xE2},
+                                           Refusal{"TableEnds", query(0xC5, 2048, 1), 0xE2},
+                                           Refusal{"ReadOnlyWord", write(0xC1, 0x40, {0, 0, 1, 0}), 0xE2},
+                                           Refusal{"PageBufferWhileProtected", write(0xC7, 0, {1, 2, 3, 4}),
+                                                   0xE3},
+                                           Refusal{"PageWriteWhileProtected",
+                                                   write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE3}),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST(NirModel, SkipsGarbageRefusesABadCrcAndEndsAPageWriteAtItsCrc) {
     Capture line;
@@ -156,7 +131,8 @@ TEST(NirModel, SkipsGarbageRefusesABadCrcAndEndsAPageWriteAtItsCrc) {
     send(nir, nir_frame({0xAF, 0x00, 0x02, 1, 2, 3, 4, 5, 6, 7}), 7.0);  // the protection is closed
 
     ASSERT_EQ(line.replies.size(), 3u);
-    EXPECT_EQ(line.replies[0].bytes, nir_frame({0x06, 'K', 'S', 'I', 'M', ' ', 'N', 'I', 'R', ' ', '2', '.', '3'}));
+    EXPECT_EQ(line.replies[0].bytes,
+              nir_frame({0x06, 'K', 'S', 'I', 'M', ' ', 'N', 'I', 'R', ' ', '2', '.', '3'}));
     EXPECT_EQ(line.replies[1].bytes, nir_frame({0x15}));
     EXPECT_EQ(line.replies[2].bytes, nir_frame({0x15}));
 }
@@ -166,7 +142,8 @@ TEST(NirModel, SkipsGarbageRefusesABadCrcAndEndsAPageWriteAtItsCrc) {
 TEST(UsbLineModel, FullPacketsAtOnceAndTheTailAtTheLatencyTick) {
     platform::Clock clock(platform::Clock::Mode::virtual_time);
     platform::Inbox inbox(clock);
-    for (const auto &[speed, payload] : {std::pair{KAVREL_SIM_FULL_SPEED, 62u}, {KAVREL_SIM_HIGH_SPEED, 510u}}) {
+    for (const auto &[speed, payload] :
+         {std::pair{KAVREL_SIM_FULL_SPEED, 62u}, {KAVREL_SIM_HIGH_SPEED, 510u}}) {
         inbox.clear();
         sim::UsbLine line(inbox, speed);
         line.set_latency_ms(16);

@@ -29,7 +29,8 @@ bool is_nir(const kavrel_sim_config &c) {
 }
 
 double polynomial(const kavrel_sim_config &c, double i) {
-    return c.coefficients[0] + c.coefficients[1] * i + c.coefficients[2] * i * i + c.coefficients[3] * i * i * i;
+    return c.coefficients[0] + c.coefficients[1] * i + c.coefficients[2] * i * i +
+           c.coefficients[3] * i * i * i;
 }
 
 // The middle third of the table, selected by its end wavelengths.
@@ -39,31 +40,49 @@ int32_t select_middle(const kavrel_sim_config &c, kavrel_direct_wavelength_selec
     return kavrel_direct_get_selected_wavelength_range(&s);
 }
 
+// A setting written, then read back as expected.
+template <typename T>
+std::function<int32_t(const kavrel_sim_config &)> round_trip(int32_t (*set)(T), int32_t (*get)(T *), T value,
+                                                             T expected) {
+    return [=](const kavrel_sim_config &) {
+        T back{};
+        TRY(set(value));
+        TRY(get(&back));
+        EXPECT_EQ(back, expected);
+        return OK;
+    };
+}
+
+// A text read as the configuration says.
+std::function<int32_t(const kavrel_sim_config &)> reads_text(
+    int32_t (*get)(char *, int32_t), const char *(*expected)(const kavrel_sim_config &)) {
+    return [=](const kavrel_sim_config &c) {
+        char text[64];
+        TRY(get(text, sizeof text));
+        EXPECT_STREQ(text, expected(c));
+        return OK;
+    };
+}
+
 const Operation kOperations[] = {
     {"IntegrationTime", OK, OK,
-     [](auto &) {
-         uint32_t v = 0;
-         TRY(kavrel_direct_set_integration_time(123456));
-         TRY(kavrel_direct_get_integration_time(&v));
-         EXPECT_EQ(v, 123456u);
-         return OK;
-     }},
+     round_trip(kavrel_direct_set_integration_time, kavrel_direct_get_integration_time, 123456u, 123456u)},
     {"AverageNumber", OK, OK,
-     [](auto &) {
-         uint8_t v = 0;
-         TRY(kavrel_direct_set_average_number(7));
-         TRY(kavrel_direct_get_average_number(&v));
-         EXPECT_EQ(v, 7);
-         return OK;
-     }},
+     round_trip<uint8_t>(kavrel_direct_set_average_number, kavrel_direct_get_average_number, 7, 7)},
     {"LevelOutput", OK, OK,
-     [](auto &) {
-         uint8_t v = 0;
-         TRY(kavrel_direct_set_level_output(3));
-         TRY(kavrel_direct_get_level_output(&v));
-         EXPECT_EQ(v, 3);
-         return OK;
-     }},
+     round_trip<uint8_t>(kavrel_direct_set_level_output, kavrel_direct_get_level_output, 3, 3)},
+    {"XenonMode", OK, NONE,
+     round_trip<uint8_t>(kavrel_direct_set_xenon_mode, kavrel_direct_get_xenon_mode, 2, 2)},
+    {"DacVoltageKeeps12Bits", OK, NONE,
+     round_trip<uint16_t>(kavrel_direct_set_dac_voltage, kavrel_direct_get_dac_voltage, 0x1234, 0x234)},
+    {"UsbBaudRate", OK, NONE,
+     round_trip<uint16_t>(kavrel_direct_set_usb_baud_rate, kavrel_direct_get_usb_baud_rate, 0x60, 0x60)},
+    {"StoredIntegrationTime", OK, NONE,
+     round_trip(kavrel_direct_set_stored_integration_time, kavrel_direct_get_stored_integration_time, 55555u,
+                55555u)},
+    {"StoredAverageNumber", OK, NONE,
+     round_trip<uint8_t>(kavrel_direct_set_stored_average_number, kavrel_direct_get_stored_average_number, 9,
+                         9)},
     {"XenonPulse", OK, NONE,
      [](auto &) {
          uint32_t a = 0, b = 0;
@@ -73,28 +92,12 @@ const Operation kOperations[] = {
          EXPECT_EQ(b, 70000u);
          return OK;
      }},
-    {"XenonMode", OK, NONE,
-     [](auto &) {
-         uint8_t v = 0;
-         TRY(kavrel_direct_set_xenon_mode(2));
-         TRY(kavrel_direct_get_xenon_mode(&v));
-         EXPECT_EQ(v, 2);
-         return OK;
-     }},
     {"ExternalTrigger", OK, NONE,
      [](auto &) {
          uint8_t a = 0, b = 0, c = 0;
          TRY(kavrel_direct_set_external_trigger_config(1, 2, 3));
          TRY(kavrel_direct_get_external_trigger_config(&a, &b, &c));
          EXPECT_EQ(a * 100 + b * 10 + c, 123);
-         return OK;
-     }},
-    {"DacVoltage", OK, NONE,
-     [](auto &) {
-         uint16_t v = 0;
-         TRY(kavrel_direct_set_dac_voltage(0x1234));  // 12 bits are kept
-         TRY(kavrel_direct_get_dac_voltage(&v));
-         EXPECT_EQ(v, 0x234);
          return OK;
      }},
     {"CaptureStatusCountsSpectra", OK, NONE,
@@ -115,12 +118,11 @@ const Operation kOperations[] = {
          return OK;
      }},
     {"HardwareVersion", OK, OK,
-     [](auto &c) {
-         char text[64];
-         TRY(kavrel_direct_get_hardware_version(text, sizeof text));
-         EXPECT_STREQ(text, c.hardware_version);
-         return OK;
-     }},
+     reads_text(kavrel_direct_get_hardware_version, [](auto &c) { return c.hardware_version; })},
+    {"DeviceModel", OK, OK, reads_text(kavrel_direct_get_device_model, [](auto &c) { return c.model; })},
+    {"SerialNumberRead", OK, OK,
+     reads_text(kavrel_direct_get_serial_number,
+                [](auto &c) { return is_nir(c) ? "NIR" : c.serial_number; })},
     {"DetectorSerial", OK, NONE,
      [](auto &) {
          char text[16] = {};
@@ -128,33 +130,11 @@ const Operation kOperations[] = {
          EXPECT_EQ(std::strlen(text), 8u);
          return OK;
      }},
-    {"DeviceModel", OK, OK,
-     [](auto &c) {
-         char text[32];
-         TRY(kavrel_direct_get_device_model(text, sizeof text));
-         EXPECT_STREQ(text, c.model);
-         return OK;
-     }},
-    {"UsbBaudRate", OK, NONE,
-     [](auto &) {
-         uint16_t v = 0;
-         TRY(kavrel_direct_set_usb_baud_rate(0x0060));
-         TRY(kavrel_direct_get_usb_baud_rate(&v));
-         EXPECT_EQ(v, 0x0060);
-         return OK;
-     }},
     {"UsbStatus", OK, NONE,
      [](auto &) {
          uint32_t v = 0;
          TRY(kavrel_direct_get_usb_status(&v));
          EXPECT_EQ(v, 1u);
-         return OK;
-     }},
-    {"SerialNumberRead", OK, OK,
-     [](auto &c) {
-         char text[32];
-         TRY(kavrel_direct_get_serial_number(text, sizeof text));
-         EXPECT_STREQ(text, is_nir(c) ? "NIR" : c.serial_number);
          return OK;
      }},
     {"SerialNumberWrite", OK, NONE,
@@ -173,22 +153,6 @@ const Operation kOperations[] = {
          EXPECT_STREQ(info.model, c.model);
          EXPECT_STREQ(info.serial_number, is_nir(c) ? "NIR" : c.serial_number);
          EXPECT_STREQ(info.hardware_version, c.hardware_version);
-         return OK;
-     }},
-    {"StoredIntegrationTime", OK, NONE,
-     [](auto &) {
-         uint32_t v = 0;
-         TRY(kavrel_direct_set_stored_integration_time(55555));
-         TRY(kavrel_direct_get_stored_integration_time(&v));
-         EXPECT_EQ(v, 55555u);
-         return OK;
-     }},
-    {"StoredAverageNumber", OK, NONE,
-     [](auto &) {
-         uint8_t v = 0;
-         TRY(kavrel_direct_set_stored_average_number(9));
-         TRY(kavrel_direct_get_stored_average_number(&v));
-         EXPECT_EQ(v, 9);
          return OK;
      }},
     {"StoredSmoothingWidth", OK, NONE,
@@ -269,7 +233,8 @@ const Operation kOperations[] = {
          TRY(kavrel_direct_get_selected_spectrum_data(part.data(), s.selected_count));
          TRY(kavrel_direct_get_full_spectrum_data(whole.data(), static_cast<int32_t>(whole.size())));
          const double a = std::accumulate(part.begin(), part.end(), 0.0);
-         const double b = std::accumulate(whole.begin() + s.start_index, whole.begin() + s.end_index + 1, 0.0);
+         const double b =
+             std::accumulate(whole.begin() + s.start_index, whole.begin() + s.end_index + 1, 0.0);
          EXPECT_NEAR(a / b, 1.0, 0.01);
          return OK;
      }},
