@@ -14,6 +14,15 @@
  * replaces them, so a test sees only the bridges it attached; instruments
  * of the default pair that are open then behave as unplugged.
  *
+ * The instruments keep what a real one keeps: settings until a reset (which
+ * reloads the integration time and average number from the stored values
+ * and closes the flash write protection), stored values, serial number and
+ * flash pages (1024 bytes, erased to 0xFF) for the life of the process.
+ * A flash page write needs the write protection open: the library's CM2
+ * page write opens it itself, on NIR call kavrel_direct_set_flash_write_protect
+ * first. A spectrum answers after integration time x averages plus a readout
+ * of a few milliseconds; an external spectrum is ready after as long.
+ *
  * Plain C with fixed-size records, callable from any language. Every
  * function is thread-safe; a fault may be injected while another thread
  * waits in an acquisition. Results are the kavrel_direct result codes:

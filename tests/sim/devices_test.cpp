@@ -26,6 +26,11 @@ TEST_F(Devices, TheDefaultPairIsListedUntilABridgeIsAttached) {
 
     kavrel_sim_reset();
     EXPECT_EQ(kavrel_direct_scan_devices(), 2u);
+    // and real time again: the clock moves by itself.
+    const double t = kavrel_sim_now_ms();
+    bool moves = false;
+    for (int i = 0; i < 10000000 && !moves; ++i) moves = kavrel_sim_now_ms() != t;
+    EXPECT_TRUE(moves);
 }
 
 struct Detection {

@@ -56,11 +56,11 @@ Bytes nir_frame(Bytes command) {
 }
 
 // Register, address and reply code of a CM2 reply, which must be well formed.
-std::tuple<uint8_t, uint32_t, uint8_t> cm2_reply(const Bytes &reply) {
+std::tuple<uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
     static cm2_packet p;
     EXPECT_EQ(kavrel_direct_parse_response(reply.data(), static_cast<int32_t>(reply.size()), &p), 0);
     EXPECT_EQ(p.crc_ok, 1);
-    return {p.pio_reg, p.pio_addr, p.ans_reply};
+    return {p.srv, p.pio_reg, p.pio_addr, p.ans_reply};
 }
 
 TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
@@ -73,8 +73,8 @@ TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
     // Byte by byte, as a slow stream delivers them.
     for (size_t i = 0; i < stream.size(); ++i) cm2.receive(&stream[i], 1, 10.0);
     ASSERT_EQ(line.replies.size(), 2u);
-    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xC1, 0x40u, 0xAC));
-    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xC2, 0x0Bu, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0xAC));
     // One at a time: the second reply leaves after the first has.
     const Capture::Reply &a = line.replies[0];
     EXPECT_GE(line.replies[1].first_ms, a.first_ms + a.bytes.size() * a.spacing_ms);
@@ -97,7 +97,7 @@ TEST_P(Cm2Refusals, AnswerWithTheirReplyCode) {
     sim::Cm2Instrument cm2(sim_config(KAVREL_SIM_CM2, "M"), line);
     send(cm2, GetParam().request, 0);
     ASSERT_EQ(line.replies.size(), 1u);
-    EXPECT_EQ(std::get<2>(cm2_reply(line.replies[0].bytes)), GetParam().code);
+    EXPECT_EQ(std::get<3>(cm2_reply(line.replies[0].bytes)), GetParam().code);
 }
 
 Bytes corrupted(Bytes packet) {
@@ -118,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(EachCode, Cm2Refusals,
                                                    write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE3}),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST(NirModel, SkipsGarbageRefusesABadCrcAndEndsAPageWriteAtItsCrc) {
+TEST(NirModel, SkipsGarbageRefusesABadCrcAndForgetsAFrameCutShort) {
     Capture line;
     sim::NirInstrument nir(sim_config(KAVREL_SIM_NIR, "N"), line);
     Bytes stream = {0x00, 0xFF, 0x3F, 0x01};  // unknown bytes, an unknown query
@@ -129,12 +129,15 @@ TEST(NirModel, SkipsGarbageRefusesABadCrcAndEndsAPageWriteAtItsCrc) {
     bad.back() ^= 1;
     send(nir, bad, 6.0);
     send(nir, nir_frame({0xAF, 0x00, 0x02, 1, 2, 3, 4, 5, 6, 7}), 7.0);  // the protection is closed
+    send(nir, {0x69, 0x00, 0x01}, 8.0);                                  // cut short, then silence
+    send(nir, nir_frame({0x3F, 0x40}), 200.0);
 
-    ASSERT_EQ(line.replies.size(), 3u);
+    ASSERT_EQ(line.replies.size(), 4u);
     EXPECT_EQ(line.replies[0].bytes,
               nir_frame({0x06, 'K', 'S', 'I', 'M', ' ', 'N', 'I', 'R', ' ', '2', '.', '3'}));
     EXPECT_EQ(line.replies[1].bytes, nir_frame({0x15}));
     EXPECT_EQ(line.replies[2].bytes, nir_frame({0x15}));
+    EXPECT_EQ(line.replies[3].bytes, nir_frame({0x06, 0x00}));
 }
 
 // The bridge sends a full packet as soon as it is full and the rest when

@@ -251,13 +251,24 @@ const Operation kOperations[] = {
          EXPECT_EQ(std::vector<uint8_t>(back.begin(), back.begin() + 101), page);
          return OK;
      }},
-    {"ExternalSpectrum", OK, NONE,
+    // The trigger starts one acquisition, of 300 ms here; the spectrum read
+    // afterwards is the one it took, not another.
+    {"ExternalSpectrumIsTheTriggeredOne", OK, NONE,
      [](auto &c) {
          std::vector<uint16_t> s(c.point_count);
+         uint64_t before = 0, after = 0;
+         TRY(kavrel_direct_set_integration_time(300000));
+         TRY(kavrel_direct_get_spectrum_capture_status(&before));
+         const double start = kavrel_sim_now_ms();
          const int32_t n =
-             kavrel_direct_external_spectrum_control(0x0001, s.data(), static_cast<int32_t>(s.size()));
+             kavrel_direct_external_spectrum_control(1, s.data(), static_cast<int32_t>(s.size()));
+         const double took = kavrel_sim_now_ms() - start;
          if (n < 0) return n;
+         TRY(kavrel_direct_get_spectrum_capture_status(&after));
          EXPECT_EQ(n, static_cast<int32_t>(2 * c.point_count));
+         EXPECT_EQ(after, before + 1);
+         EXPECT_GT(took, 300);
+         EXPECT_LT(took, 400);
          EXPECT_GT(*std::min_element(s.begin(), s.end()), 0);
          return OK;
      }},
