@@ -12,7 +12,7 @@
 #include <deque>
 #include <vector>
 
-#include "instrument.h"
+#include "sim/instrument.h"
 
 namespace kavrel::sim {
 
