@@ -51,7 +51,7 @@ modules=/lib/modules/$version
 
 check=$build/tests/kavrel_usb_check
 check_sim=$build/tests/kavrel_usb_check_sim
-sim=${KAVREL_SIM:-$build/tools/kavrel-sim}
+sim=${KAVREL_SIM:-$build/sim/server/kavrel-sim}
 for f in "$check" "$check_sim" "$sim"; do [ -x "$f" ] || fail "$f is not built"; done
 
 # QEMU boots an uncompressed ELF kernel directly, seconds faster than the
@@ -102,9 +102,9 @@ rm -f "$work"/*.sock
 pids=()
 cleanup() { for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done; }
 trap cleanup EXIT
-"$sim" --instrument cm2 --chip-serial KSIM0001 --unix "$work/cm2.sock" >"$work/sim-cm2.log" 2>&1 &
+"$sim" --protocol cm2 --unix "$work/cm2.sock" >"$work/sim-cm2.log" 2>&1 &
 pids+=($!)
-"$sim" --instrument nir --chip-serial KSIM0002 --unix "$work/nir.sock" >"$work/sim-nir.log" 2>&1 &
+"$sim" --protocol nir --unix "$work/nir.sock" >"$work/sim-nir.log" 2>&1 &
 pids+=($!)
 for _ in $(seq 50); do
   [ -S "$work/cm2.sock" ] && [ -S "$work/nir.sock" ] && break
