@@ -98,19 +98,23 @@ echo 2 >"$root/bridges"
 (cd "$root" && find . | busybox cpio -o -H newc 2>/dev/null) >"$work/initramfs.cpio"
 
 # --- The instruments --------------------------------------------------------
-rm -f "$work"/*.sock
+# A socket's path must fit in 108 bytes, which a deep build folder may not.
+sockets=$(mktemp -d /tmp/kavrel-qemu.XXXXXX)
 pids=()
-cleanup() { for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done; }
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  rm -rf "$sockets"
+}
 trap cleanup EXIT
-"$sim" --protocol cm2 --unix "$work/cm2.sock" >"$work/sim-cm2.log" 2>&1 &
+"$sim" --protocol cm2 --unix "$sockets/cm2" >"$work/sim-cm2.log" 2>&1 &
 pids+=($!)
-"$sim" --protocol nir --unix "$work/nir.sock" >"$work/sim-nir.log" 2>&1 &
+"$sim" --protocol nir --unix "$sockets/nir" >"$work/sim-nir.log" 2>&1 &
 pids+=($!)
 for _ in $(seq 50); do
-  [ -S "$work/cm2.sock" ] && [ -S "$work/nir.sock" ] && break
+  [ -S "$sockets/cm2" ] && [ -S "$sockets/nir" ] && break
   sleep 0.1
 done
-[ -S "$work/cm2.sock" ] && [ -S "$work/nir.sock" ] || fail "kavrel-sim did not open its sockets"
+[ -S "$sockets/cm2" ] && [ -S "$sockets/nir" ] || fail "kavrel-sim did not open its sockets"
 
 # --- The guest --------------------------------------------------------------
 started=$SECONDS
@@ -118,8 +122,8 @@ timeout "${KAVREL_QEMU_TIMEOUT:-180}" qemu-system-x86_64 -accel tcg -cpu max -m 
   -no-reboot -serial stdio -kernel "$vmlinux" -initrd "$work/initramfs.cpio" \
   -append "console=ttyS0 panic=-1 quiet" \
   -device qemu-xhci,id=xhci \
-  -chardev socket,id=cm2,path="$work/cm2.sock" -device usb-serial,bus=xhci.0,chardev=cm2,serial=KSIM0001 \
-  -chardev socket,id=nir,path="$work/nir.sock" -device usb-serial,bus=xhci.0,chardev=nir,serial=KSIM0002 \
+  -chardev socket,id=cm2,path="$sockets/cm2" -device usb-serial,bus=xhci.0,chardev=cm2,serial=KSIM0001 \
+  -chardev socket,id=nir,path="$sockets/nir" -device usb-serial,bus=xhci.0,chardev=nir,serial=KSIM0002 \
   </dev/null >"$work/console.log" 2>&1 || true
 echo "qemu end-to-end: guest ran $((SECONDS - started)) s"
 grep -q "guest: check exited with 0" "$work/console.log" ||
