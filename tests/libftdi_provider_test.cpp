@@ -2,7 +2,6 @@
 // whose bulk IN endpoint delivers scripted USB packets on a virtual clock.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <deque>
@@ -178,22 +177,22 @@ struct ReadCase {
 };
 
 const ReadCase kReads[] = {
-    {"completes as soon as the count is there", 64, [](Chip &c, double t) { c.send(t + 5, 10); }, 10, 200, 10, 5},
-    {"partial at the limit", 64, [](Chip &c, double t) { c.send(t + 5, 4); }, 10, 200, 4, 200},
-    {"silence", 64, [](Chip &, double) {}, 10, 200, 0, 200},
+    {"CompletesAsSoonAsTheCountIsThere", 64, [](Chip &c, double t) { c.send(t + 5, 10); }, 10, 200, 10, 5},
+    {"PartialAtTheLimit", 64, [](Chip &c, double t) { c.send(t + 5, 4); }, 10, 200, 4, 200},
+    {"Silence", 64, [](Chip &, double) {}, 10, 200, 0, 200},
     // An idle chip's status packets end each transfer within a millisecond;
     // the last one, with less than a millisecond of the limit left, still
     // brings the payload that arrives then.
-    {"status-only packets until the last moment", 64,
+    {"StatusOnlyPacketsUntilTheLastMoment", 64,
      [](Chip &c, double t) {
          for (int ms = 1; ms < 300; ++ms) c.packets.push_back({t + ms, {0x01, 0x60}});
          c.packets.insert(c.packets.begin() + 199, {t + 199.5, {0x01, 0x60, 0, 1, 2, 3, 4, 5}});
      },
      6, 200, 6, 199.5},
-    {"a timed-out transfer keeps its packets", 64, [](Chip &c, double t) { c.send(t + 3, 124); }, 130, 100, 124, 100},
-    {"high-speed packets stripped every 512 bytes", 512, [](Chip &c, double t) { c.send(t + 1, 1500); }, 1500, 100,
+    {"TimedOutTransferKeepsItsPackets", 64, [](Chip &c, double t) { c.send(t + 3, 124); }, 130, 100, 124, 100},
+    {"HighSpeedPacketsStrippedEvery512Bytes", 512, [](Chip &c, double t) { c.send(t + 1, 1500); }, 1500, 100,
      1500, 1},
-    {"unplugged in the middle", 64, [](Chip &c, double t) { c.send(t + 5, 4), c.unplug_at = t + 20; }, 10, 200, 0, 20,
+    {"UnpluggedInTheMiddle", 64, [](Chip &c, double t) { c.send(t + 5, 4), c.unplug_at = t + 20; }, 10, 200, 0, 20,
      kDeviceNotFound},
 };
 
@@ -213,11 +212,7 @@ TEST_P(LibftdiRead, KeepsTheBridgeReadSemantics) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, LibftdiRead, ::testing::ValuesIn(kReads),
-                         [](const auto &info) {
-                             std::string n = info.param.name;
-                             for (char &ch : n) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-                             return n;
-                         });
+                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(Libftdi, SurplusWaitsForTheNextReadAndPurgeDropsIt) {
     Chip &chip = attach(0x6001, "R");
