@@ -17,6 +17,6 @@ while [ "$(cat /sys/bus/usb/devices/*/idVendor 2>/dev/null | grep -c 0403)" -lt 
     [ $tries -gt 100 ] && { echo "guest: only $(cat /sys/bus/usb/devices/*/idVendor | grep -c 0403) of $want bridges appeared"; break; }
     sleep 0.1
 done
-LD_LIBRARY_PATH=/opt/kavrel /opt/kavrel/kavrel_usb_check
+LD_LIBRARY_PATH=/opt/kavrel KAVREL_UNPLUG=KSIM0002 /opt/kavrel/kavrel_usb_check
 echo "guest: check exited with $?"
 poweroff -f

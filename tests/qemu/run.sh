@@ -5,7 +5,8 @@
 # one NIR instrument. In the guest, usb_check drives them through
 # libkavrel_direct.so, which has no vendor driver there and so reaches them
 # through libftdi1 and libusb. Its report must equal the one the same program
-# prints on the host against the simulated instruments directly.
+# prints on the host against the simulated instruments directly. Last, the
+# NIR instrument's bridge is unplugged while open, and its calls must fail.
 #
 # Usage: tests/qemu/run.sh BUILD_DIR   (a build with kavrel_usb_check,
 # kavrel_usb_check_sim and kavrel-sim built). Skips, saying why, only where
@@ -118,16 +119,29 @@ done
 
 # --- The guest --------------------------------------------------------------
 started=$SECONDS
-timeout "${KAVREL_QEMU_TIMEOUT:-180}" qemu-system-x86_64 -accel tcg -cpu max -m 512 -nodefaults -no-user-config -display none \
-  -no-reboot -serial stdio -kernel "$vmlinux" -initrd "$work/initramfs.cpio" \
-  -append "console=ttyS0 panic=-1 quiet" \
+timeout "${KAVREL_QEMU_TIMEOUT:-180}" qemu-system-x86_64 -accel tcg -cpu max -m 512 -nodefaults -no-user-config \
+  -display none -no-reboot -serial stdio -monitor unix:"$sockets/monitor",server=on,wait=off \
+  -kernel "$vmlinux" -initrd "$work/initramfs.cpio" -append "console=ttyS0 panic=-1 quiet" \
   -device qemu-xhci,id=xhci \
   -chardev socket,id=cm2,path="$sockets/cm2" -device usb-serial,bus=xhci.0,chardev=cm2,serial=KSIM0001 \
-  -chardev socket,id=nir,path="$sockets/nir" -device usb-serial,bus=xhci.0,chardev=nir,serial=KSIM0002 \
-  </dev/null >"$work/console.log" 2>&1 || true
+  -chardev socket,id=nir,path="$sockets/nir" -device usb-serial,bus=xhci.0,chardev=nir,serial=KSIM0002,id=nirchip \
+  </dev/null >"$work/console.log" 2>&1 &
+qemu=$!
+pids+=($qemu)
+# When the guest has the NIR instrument open and in use, pull its bridge out.
+while kill -0 $qemu 2>/dev/null && ! grep -q "guest: unplug" "$work/console.log"; do sleep 0.2; done
+# The monitor drops a command whose connection closes before it has run.
+/usr/bin/python3 -c 'import socket, sys, time
+s = socket.socket(socket.AF_UNIX)
+s.connect(sys.argv[1])
+s.sendall(b"device_del nirchip\n")
+time.sleep(1)' "$sockets/monitor" || true
+wait $qemu || true
 echo "qemu end-to-end: guest ran $((SECONDS - started)) s"
 grep -q "guest: check exited with 0" "$work/console.log" ||
   { tail -n 40 "$work/console.log"; fail "the guest did not complete its check"; }
+grep -q "unplugged: KSIM0002 gives -4" "$work/console.log" ||
+  fail "after its bridge was unplugged the NIR instrument did not fail with -4: $(grep unplugged: "$work/console.log")"
 
 # --- The verdict ------------------------------------------------------------
 grep '^report:' "$work/console.log" | tr -d '\r' >"$work/guest.report"

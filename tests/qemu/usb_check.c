@@ -77,5 +77,18 @@ int main(void) {
     for (i = 0; i < count; ++i) report_instrument(chips[i]);
     kavrel_direct_close_all_devices();
     printf("report: open after closing %d\n", (int)kavrel_direct_get_open_device_count());
+
+    /* With KAVREL_UNPLUG naming a bridge, the test unplugs it while the
+     * instrument is open and in use: calls must then fail, not hang. */
+    if (getenv("KAVREL_UNPLUG") != NULL) {
+        const char *chip = getenv("KAVREL_UNPLUG");
+        uint32_t micros = 0;
+        int32_t result = kavrel_direct_open_device_by_chip_serial(chip), tries = 0;
+        printf("guest: unplug %s now\n", chip);
+        fflush(stdout);
+        while (result == KAVREL_DIRECT_OK && ++tries < 100) result = kavrel_direct_get_integration_time(&micros);
+        printf("unplugged: %s gives %d\n", chip, (int)result);
+        kavrel_direct_close_all_devices();
+    }
     return 0;
 }
