@@ -96,8 +96,9 @@ void LibftdiBridge::add_chip(libusb_device *device, int interfaces) {
     const int code = calls_.ftdi_usb_get_strings2(lister_, device, nullptr, 0, description, sizeof description,
                                                   serial, sizeof serial);
     // A bridge whose strings cannot be read (no permission, held by another
-    // program) is still listed, as the vendor driver lists a busy one: its
-    // texts stay empty and opening it says why.
+    // program, no serial string) is still listed, as the vendor driver lists
+    // a busy one, with what could be read (often nothing); opening it then
+    // says why it cannot be used.
     if (code < 0)
         note("listing: a bridge's strings could not be read: " +
              (code == -4 ? why_unopenable(device) : std::string(calls_.ftdi_get_error_string(lister_))));
