@@ -3,6 +3,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang pkg-config binutils
+          # The libftdi1 provider's headers; the libraries load at run time.
+          libftdi1-dev libusb-1.0-0-dev
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
           # The simulated instruments' stream server parses its options with it.
           libcli11-dev

@@ -44,6 +44,13 @@ configure_and_test() {
 stage "g++"
 configure_and_test build/gcc -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
 
+stage "QEMU: the libftdi1 provider through a real USB stack"
+if bash tests/qemu/run.sh build/gcc | tee build/gcc/qemu.log; then
+  grep -q SKIPPED build/gcc/qemu.log || passed=$((passed + 1))
+else
+  failed=$((failed + 1))
+fi
+
 stage "Windows: mingw-w64 cross build, tests under wine"
 # The Windows build of the codec client must print what the Linux one does.
 configure_and_test build/windows -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw-w64-x86_64.cmake \
