@@ -75,7 +75,10 @@ class Spectrum:
 
 
 def _text(buffer):
-    return buffer.value.decode("utf-8", "replace")
+    """A C text: a string buffer, or a char-array field that ctypes hands out
+    as bytes already cut at the NUL."""
+    raw = buffer if isinstance(buffer, bytes) else buffer.value
+    return raw.decode("utf-8", "replace")
 
 
 def _fit(value, ctype, what):
@@ -589,10 +592,15 @@ class Spectrometer:
         return bytes(buffer[: min(stored, n)])
 
     def write_flash(self, page, data):
-        """Writes bytes to a flash page (CM2 opens the write protection)."""
+        """Writes bytes to a flash page, opening the write protection first."""
         data = bytes(data)
         buffer = (c_uint8 * max(len(data), 1)).from_buffer_copy(data or b"\0")
-        self._call("kavrel_direct_flash_write", _fit(page, c_uint16, "page"), buffer, len(data))
+        with LOCK:
+            # The CM2 form opens the protection itself; a NIR instrument
+            # refuses the page unless it was opened before.
+            if self.protocol == "nir":
+                self.open_flash_write_protect()
+            self._call("kavrel_direct_flash_write", _fit(page, c_uint16, "page"), buffer, len(data))
 
 
 def _pointer(array, ctype):

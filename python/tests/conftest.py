@@ -1,0 +1,15 @@
+"""Every test runs against kavrel_direct_sim on virtual time, starting from
+the simulator's world at load and closing what it opened."""
+import pytest
+
+import kavrel
+from kavrel import sim
+
+
+@pytest.fixture(autouse=True)
+def world():
+    sim.reset()
+    sim.set_virtual_time(True)
+    yield
+    kavrel.close_all(simulated=True)
+    sim.reset()
