@@ -1,3 +1,4 @@
+import sys
 import threading
 
 import numpy as np
@@ -30,6 +31,13 @@ def test_open_acquire_close(serial, protocol, expected, points):
         spec.spectrum()
 
 
+def test_a_forced_protocol_is_not_probed():
+    with kavrel.open(serial=NIR, protocol="cm2", simulated=True) as spec:
+        assert spec.protocol == "cm2"
+        with pytest.raises(kavrel.InstrumentTimeoutError):
+            spec.temperature_c  # a NIR instrument does not answer CM2 packets
+
+
 def test_open_by_index_first_available_and_the_four_slot_limit():
     for i in range(3, 8):
         sim.attach(f"KSIM000{i}")
@@ -50,9 +58,10 @@ def test_open_by_index_first_available_and_the_four_slot_limit():
 @pytest.mark.parametrize("shift_nm, slope", [(0.0, 0.45), (-12.0, 0.43)])
 def test_lines_sit_where_the_wavelength_table_says(shift_nm, slope):
     coefficients = (190.0 + shift_nm, slope, -1e-6, 0.0)
-    sim.attach("KSIMCAL", coefficients=coefficients)
+    sim.attach("KSIMCAL", coefficients=coefficients, model="BENCH-7", serial_number="B7-0042")
     sim.set_scene(continuum_level=0.0)
     with kavrel.open(serial="KSIMCAL", simulated=True) as spec:
+        assert (spec.info.model, spec.info.serial_number) == ("BENCH-7", "B7-0042")
         wavelengths = spec.wavelengths()
         np.testing.assert_allclose(wavelengths, np.polyval(coefficients[::-1], np.arange(2048)), rtol=1e-6)
         counts = spec.spectrum().counts.astype(float)
@@ -69,6 +78,8 @@ def test_dark_subtraction_and_saturation():
         dark = spec.spectrum()
         sim.set_scene(CM2, line_level=1e6)
         spectrum = spec.spectrum(dark=dark.counts)
+        with pytest.raises(kavrel.InvalidArgumentError):
+            spec.spectrum(dark=dark.counts[1:])
     assert not dark.saturated.any() and 0 < spectrum.saturated.sum() < 500
     assert (spectrum.raw[spectrum.saturated] == 65535).all()
     np.testing.assert_array_equal(spectrum.counts, spectrum.raw - dark.counts.astype(float))
@@ -189,33 +200,37 @@ def test_listing_leaves_open_instruments_alone(capfd):
 
 def test_two_instruments_alternately():
     with kavrel.open(serial=CM2, simulated=True) as cm2, kavrel.open(serial=NIR, simulated=True) as nir:
-        cm2.integration_time_us, nir.integration_time_us = 5000, 7000
-        for _ in range(3):
-            assert (len(cm2.spectrum()), len(nir.spectrum())) == (2048, 256)
-            assert (cm2.integration_time_us, nir.integration_time_us) == (5000, 7000)
-            assert (cm2.protocol, nir.protocol) == ("cm2", "nir")
+        for time_us in (5000, 6000, 7000):
+            cm2.integration_time_us, nir.integration_time_us = time_us, time_us + 1
+            first, second = cm2.spectrum(), nir.spectrum()
+            assert (len(first), len(second)) == (2048, 256)
+            assert (first.integration_time_us, second.integration_time_us) == (time_us, time_us + 1)
+            assert (cm2.integration_time_us, nir.integration_time_us) == (time_us, time_us + 1)
 
 
 def test_two_instruments_from_two_threads():
     errors = []
 
-    def drive(spec, points, times):
+    def drive(spec, expected, points):
         try:
-            for time_us in times:
-                spec.integration_time_us = time_us
-                assert spec.integration_time_us == time_us
-                spectrum = spec.spectrum()
-                assert (len(spectrum), spectrum.integration_time_us) == (points, time_us)
+            for i in range(20000):
+                assert spec.protocol == expected
+                if i % 4000 == 0:
+                    spec.integration_time_us = 1000 + i
+                    assert spec.spectrum().integration_time_us == 1000 + i
+                    assert len(spec.spectrum()) == points
         except Exception as error:  # reported by the main thread
             errors.append(error)
 
-    with kavrel.open(serial=CM2, simulated=True) as cm2, kavrel.open(serial=NIR, simulated=True) as nir:
-        threads = [
-            threading.Thread(target=drive, args=(cm2, 2048, range(1000, 41000, 1000))),
-            threading.Thread(target=drive, args=(nir, 256, range(1001, 41001, 1000))),
-        ]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)  # let the threads interleave between any two calls
+    try:
+        with kavrel.open(serial=CM2, simulated=True) as cm2, kavrel.open(serial=NIR, simulated=True) as nir:
+            threads = [threading.Thread(target=drive, args=a) for a in ((cm2, "cm2", 2048), (nir, "nir", 256))]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+    finally:
+        sys.setswitchinterval(interval)
     assert errors == []
