@@ -6,6 +6,13 @@ import kavrel
 from kavrel import sim
 
 
+def pytest_sessionstart(session):
+    try:
+        kavrel.load(simulated=True)
+    except kavrel.LibraryNotFoundError as error:
+        pytest.exit(str(error), returncode=1)
+
+
 @pytest.fixture(autouse=True)
 def world():
     sim.reset()
