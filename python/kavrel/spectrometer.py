@@ -67,8 +67,8 @@ class Spectrum:
     raw: np.ndarray
     dark_subtracted: bool = False
 
-    def __array__(self, dtype=None):
-        return np.asarray(self.counts, dtype=dtype)
+    def __array__(self, dtype=None, copy=None):
+        return np.array(self.counts, dtype=dtype, copy=bool(copy))
 
     def __len__(self):
         return len(self.counts)
