@@ -199,6 +199,7 @@ SIM_SIGNATURES = {
     "kavrel_sim_clear_faults": (_i32, [c_char_p]),
     "kavrel_sim_set_virtual_time": (_i32, [_i32]),
     "kavrel_sim_now_ms": (c_double, []),
+    "kavrel_sim_sleep_ms": (None, [_u32]),
     "kavrel_sim_set_scene": (_i32, [c_char_p, _p(SimSceneRecord)]),
     "kavrel_sim_default_scene": (_i32, [_p(SimSceneRecord)]),
     "kavrel_sim_reset": (None, []),

@@ -99,6 +99,13 @@ def now_ms():
     return load(True).cdll.kavrel_sim_now_ms()
 
 
+def sleep_ms(milliseconds):
+    """Lets time pass on the simulated clock (at once in virtual time), e.g.
+    until a reply delayed past the library's read limit has arrived: until
+    then the next exchange would read it as its own answer."""
+    load(True).cdll.kavrel_sim_sleep_ms(int(milliseconds))
+
+
 def default_scene():
     record = SimSceneRecord()
     _call("kavrel_sim_default_scene", byref(record))

@@ -85,15 +85,17 @@ def test_dark_subtraction_and_saturation():
     np.testing.assert_array_equal(spectrum.counts, spectrum.raw - dark.counts.astype(float))
 
 
-def test_selected_range():
+def test_selected_range_and_reset():
     with kavrel.open(serial=CM2, simulated=True) as spec:
+        spec.stored_integration_time_us, spec.integration_time_us = 30000, 5000
+        assert spec.spectrum().integration_time_us == 5000
         assert spec.selection is None
         selection = spec.select_range(500, 600)
         wavelengths = spec.selected_wavelengths()
         assert len(wavelengths) == len(spec.selected_spectrum()) == selection.count > 100
         assert 500 <= wavelengths[0] == selection.actual_start_nm and wavelengths[-1] <= 600
-        spec.reset()
-        assert spec.selection is None
+        spec.reset()  # back to the stored settings, no range selected
+        assert spec.selection is None and spec.spectrum().integration_time_us == 30000
 
 
 SETTINGS = [
@@ -137,7 +139,7 @@ def read_flash(spec):
 
 FAULTS = [  # serial, fault and parameter, operation, exception
     (CM2, Fault.NO_ANSWER, 0, read_temperature, kavrel.InstrumentTimeoutError),
-    (CM2, Fault.DELAY, 250, read_temperature, kavrel.InstrumentTimeoutError),
+    (CM2, Fault.DELAY, 400, read_temperature, kavrel.InstrumentTimeoutError),
     (CM2, Fault.BAD_CRC, 0, read_temperature, kavrel.CrcError),
     (CM2, Fault.BAD_PREAMBLE, 0, read_temperature, kavrel.ParseError),
     (CM2, Fault.TRUNCATE, 20, read_temperature, kavrel.InstrumentTimeoutError),
@@ -162,6 +164,7 @@ def test_each_fault_raises_its_exception_once(serial, fault, parameter, operatio
         with pytest.raises(exception) as caught:
             operation(spec)
         assert caught.value.code == exception.code and caught.value.function.startswith("kavrel_direct_")
+        sim.sleep_ms(1000)  # a late reply arrives and is purged
         operation(spec)  # the fault was for one request
 
 
