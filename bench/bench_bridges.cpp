@@ -87,25 +87,36 @@ platform::Status ZeroLatencyCm2::purge(platform::Handle handle, uint32_t mask) {
     return platform::kOk;
 }
 
+const ZeroLatencyCm2::Answer &ZeroLatencyCm2::answer_to(const Instrument &instrument, const uint8_t *request,
+                                                          uint32_t count) {
+    const auto same = [&](const Answer &a) {
+        return a.request.size() == count && std::memcmp(a.request.data(), request, count) == 0;
+    };
+    if (instrument.last != nullptr && same(*instrument.last)) return *instrument.last;
+    for (const auto &a : answers_)
+        if (same(*a)) return *a;
+    answers_.push_back(std::make_unique<Answer>(Answer{{request, request + count}, cm2_reply_to(request)}));
+    return *answers_.back();
+}
+
 platform::Status ZeroLatencyCm2::write(platform::Handle handle, const void *bytes, uint32_t count,
                                        uint32_t *written) {
     auto &instrument = *static_cast<Instrument *>(handle);
-    const auto *request = static_cast<const uint8_t *>(bytes);
     *written = count;
     if (count < 32) return platform::kOk;  // not a CM2 request: no answer
-    if (instrument.request.size() != count || std::memcmp(instrument.request.data(), request, count) != 0) {
-        instrument.request.assign(request, request + count);
-        instrument.reply = cm2_reply_to(request);
-    }
-    instrument.unread = instrument.reply.size();
+    instrument.last = &answer_to(instrument, static_cast<const uint8_t *>(bytes), count);
+    instrument.unread = instrument.last->reply.size();
     return platform::kOk;
 }
 
 platform::Status ZeroLatencyCm2::read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned) {
     auto &instrument = *static_cast<Instrument *>(handle);
     const size_t n = count < instrument.unread ? count : instrument.unread;
-    std::memcpy(buffer, instrument.reply.data() + (instrument.reply.size() - instrument.unread), n);
-    instrument.unread -= n;
+    if (n > 0) {
+        const std::vector<uint8_t> &reply = instrument.last->reply;
+        std::memcpy(buffer, reply.data() + (reply.size() - instrument.unread), n);
+        instrument.unread -= n;
+    }
     *returned = static_cast<uint32_t>(n);
     return platform::kOk;
 }

@@ -14,9 +14,12 @@ namespace kavrel::bench {
 
 // CM2 instruments that answer at once: a reply is whole in the receive
 // buffer as soon as its request has been written, and reads hand it over
-// without waiting. Each instrument keeps its last reply and serves it again
-// for the same request, so a benchmark loop measures the library's CPU per
-// exchange plus one copy out of the "driver", as a real driver makes.
+// without waiting. A reply is built once per distinct request and then
+// served again, so a benchmark loop measures the library's CPU per exchange
+// plus one copy out of the "driver", as a real driver makes. The instruments
+// are alike and share their replies: with a buffer of its own per instrument
+// the stand-in driver's copies would miss the cache more with four
+// instruments than with one, a cost that is not the library's.
 //
 // The instruments have 2048 points; the spectrum and the wavelength table
 // are the largest replies (4128 and 8224 bytes), every other query is
@@ -43,11 +46,17 @@ public:
     void sleep_ms(uint32_t ms) { platform::host_sleep_ms(ms); }
 
 private:
-    struct Instrument {
-        std::vector<uint8_t> request;  // the last one, whose reply is below
+    struct Answer {
+        std::vector<uint8_t> request;
         std::vector<uint8_t> reply;
-        size_t unread = 0;  // bytes of reply not yet read, from its end
     };
+    struct Instrument {
+        const Answer *last = nullptr;  // to the last request written
+        size_t unread = 0;             // bytes of its reply not yet read, from the end
+    };
+    const Answer &answer_to(const Instrument &instrument, const uint8_t *request, uint32_t count);
+
+    std::vector<std::unique_ptr<Answer>> answers_;
     std::vector<Instrument> instruments_;
     platform::Platform table_;
 };
