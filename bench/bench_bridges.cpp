@@ -34,7 +34,8 @@ std::vector<uint8_t> query_data(uint8_t reg, uint32_t address, uint16_t words) {
             for (int b = 0; b < 4; ++b) data[4 * i + b] = static_cast<uint8_t>(bits >> (8 * b));
         }
     } else if (reg == 0xC6) {
-        for (size_t i = 0; i < data.size() / 2; ++i) store_be16(data.data() + 2 * i, static_cast<uint16_t>(i * 31));
+        for (size_t i = 0; i < data.size() / 2; ++i)
+            store_be16(data.data() + 2 * i, static_cast<uint16_t>(i * 31));
     }
     return data;
 }
@@ -45,7 +46,8 @@ std::vector<uint8_t> cm2_reply_to(const uint8_t *request) {
     const bool query = request[13] == 0x0D;
     const uint8_t reg = request[21];
     const uint32_t address = (static_cast<uint32_t>(request[22]) << 16) | (request[23] << 8) | request[24];
-    const std::vector<uint8_t> data = query ? query_data(reg, address, load_be16(request + 15)) : std::vector<uint8_t>{};
+    const std::vector<uint8_t> data =
+        query ? query_data(reg, address, load_be16(request + 15)) : std::vector<uint8_t>{};
     const auto words = static_cast<uint16_t>(data.size() / 4);
     std::vector<uint8_t> reply(32 + data.size());
     std::memcpy(reply.data(), request, 28);
@@ -57,14 +59,16 @@ std::vector<uint8_t> cm2_reply_to(const uint8_t *request) {
     reply[27] = 0xAC;
     if (!data.empty()) std::memcpy(reply.data() + 28, data.data(), data.size());
     const size_t crc_at = reply.size() - 4;
-    store_be32(reply.data() + crc_at, kavrel_direct_crc32(reply.data() + 8, static_cast<int32_t>(crc_at - 8)));
+    store_be32(reply.data() + crc_at,
+               kavrel_direct_crc32(reply.data() + 8, static_cast<int32_t>(crc_at - 8)));
     return reply;
 }
 
 }  // namespace
 
 ZeroLatencyCm2::ZeroLatencyCm2(int instruments)
-    : instruments_(static_cast<size_t>(instruments)), table_(platform::provider_table("zero-latency CM2", *this)) {}
+    : instruments_(static_cast<size_t>(instruments)),
+      table_(platform::provider_table("zero-latency CM2", *this)) {}
 
 platform::Status ZeroLatencyCm2::create_device_info_list(uint32_t *count) {
     *count = static_cast<uint32_t>(instruments_.size());
@@ -88,7 +92,7 @@ platform::Status ZeroLatencyCm2::purge(platform::Handle handle, uint32_t mask) {
 }
 
 const ZeroLatencyCm2::Answer &ZeroLatencyCm2::answer_to(const Instrument &instrument, const uint8_t *request,
-                                                          uint32_t count) {
+                                                        uint32_t count) {
     const auto same = [&](const Answer &a) {
         return a.request.size() == count && std::memcmp(a.request.data(), request, count) == 0;
     };
@@ -109,7 +113,8 @@ platform::Status ZeroLatencyCm2::write(platform::Handle handle, const void *byte
     return platform::kOk;
 }
 
-platform::Status ZeroLatencyCm2::read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned) {
+platform::Status ZeroLatencyCm2::read(platform::Handle handle, void *buffer, uint32_t count,
+                                      uint32_t *returned) {
     auto &instrument = *static_cast<Instrument *>(handle);
     const size_t n = count < instrument.unread ? count : instrument.unread;
     if (n > 0) {
@@ -122,7 +127,9 @@ platform::Status ZeroLatencyCm2::read(platform::Handle handle, void *buffer, uin
 }
 
 RealClockNir::RealClockNir()
-    : clock_(platform::Clock::Mode::real), inbox_(clock_), table_(platform::provider_table("real-clock NIR", *this)) {}
+    : clock_(platform::Clock::Mode::real),
+      inbox_(clock_),
+      table_(platform::provider_table("real-clock NIR", *this)) {}
 
 platform::Status RealClockNir::create_device_info_list(uint32_t *count) {
     *count = 1;

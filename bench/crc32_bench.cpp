@@ -38,8 +38,8 @@ void crc32_path(benchmark::State &state, kavrel::crc32::Update update) {
     const kavrel::crc32::Path *paths = kavrel::crc32::paths(&count);
     for (size_t i = 0; i < count; ++i) {
         if (!paths[i].runnable) continue;
-        auto *b = benchmark::RegisterBenchmark((std::string("crc32_path/") + paths[i].name).c_str(), crc32_path,
-                                               paths[i].update);
+        auto *b = benchmark::RegisterBenchmark((std::string("crc32_path/") + paths[i].name).c_str(),
+                                               crc32_path, paths[i].update);
         for (int64_t size : kSizes) b->Arg(size);
     }
     return true;

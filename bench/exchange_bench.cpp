@@ -72,7 +72,11 @@ double largest(const std::vector<double> &v) {
 }
 
 void configure(benchmark::internal::Benchmark *b) {
-    b->ArgName("instruments")->Arg(1)->Arg(4)->ComputeStatistics("min", smallest)->ComputeStatistics("max", largest);
+    b->ArgName("instruments")
+        ->Arg(1)
+        ->Arg(4)
+        ->ComputeStatistics("min", smallest)
+        ->ComputeStatistics("max", largest);
 }
 
 BENCHMARK_CAPTURE(per_exchange, register_query, register_query, 32 + 4)->Apply(configure);

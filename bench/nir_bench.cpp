@@ -39,7 +39,9 @@ void nir_wall_time(benchmark::State &state, int32_t (*exchange)(), uint32_t quie
 BENCHMARK_CAPTURE(nir_wall_time, query, query_command, kNirQueryQuietMs)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(nir_wall_time, set, set_command, kNirSetQuietMs)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(nir_wall_time, set, set_command, kNirSetQuietMs)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace kavrel::bench

@@ -67,7 +67,8 @@ KAVREL_CLMUL_TARGET inline __m128i load16(const uint8_t *at) {
 // Moves x on by the distance whose constants k holds (low half of x times the
 // low constant, high half times the high one) and adds the next data.
 KAVREL_CLMUL_TARGET inline __m128i fold(__m128i x, __m128i k, __m128i next) {
-    return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, k, 0x00), _mm_clmulepi64_si128(x, k, 0x11)), next);
+    return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, k, 0x00), _mm_clmulepi64_si128(x, k, 0x11)),
+                         next);
 }
 
 // Folding with carry-less multiplication. Four 128-bit lanes each absorb the
