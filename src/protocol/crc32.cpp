@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t kPolynomial = 0xEDB88320u;
 
-// tables[0] is the classic byte-at-a-time table; tables[k][b] is the CRC
+// t[0] is the classic byte-at-a-time table; t[k][b] is the CRC
 // register after byte b followed by k zero bytes, so eight bytes can be
 // looked up independently and their effects combined with XOR.
 struct SliceTables {
