@@ -79,6 +79,9 @@ stage "valgrind: spectral operations"
 valgrind --quiet --leak-check=full --error-exitcode=1 build/gcc/tests/kavrel_unit_tests \
   --gtest_brief=1 --gtest_filter='Spectral*:Wavelength*:Spectrum*:Flash*:External*'
 
+stage "benchmarks: built in Release and each run once, nothing timed"
+bash scripts/bench-smoke.sh build/bench-smoke >/dev/null
+
 stage ""
 echo "== all stages took $((SECONDS - suite_started)) s"
 echo "$passed passed, $failed failed"
