@@ -9,14 +9,23 @@
  * Up to four instruments are open at a time; one of them is the active device
  * and every device operation works on it.
  *
- * Threads: every exported call holds one process-wide lock for its whole
- * duration, so calls from several threads are serialised and cannot corrupt
- * the device table. The active device is process-wide, though: an application
- * that drives instruments from several threads must select a device and
- * operate on it from one thread, or serialise each select-and-operate pair
- * itself. A call blocks its thread until its exchange completes or its time
- * limit passes (200 ms per read for most registers, up to 120000 ms for a
- * spectrum).
+ * Threads: the library is safe to call from several threads. The queries
+ * that touch no instrument (kavrel_direct_is_open,
+ * kavrel_direct_get_open_device_count, kavrel_direct_get_device_protocol,
+ * kavrel_direct_get_capabilities, kavrel_direct_select_device,
+ * kavrel_direct_set_protocol_preference) answer at once, even while another
+ * thread waits for a spectrum. A device operation takes the device that is
+ * active when it begins and works on it to its end, whatever another thread
+ * selects meanwhile; two operations on the same device run one after the
+ * other, and closing a device waits for the operation in flight on it.
+ * Listing and opening run one at a time. The active device is process-wide,
+ * though: an application that drives several instruments from several
+ * threads must serialise each select-then-operate pair itself. A call blocks
+ * its thread until its exchange completes or its time limit passes (200 ms
+ * per read for most registers, up to 120000 ms for a spectrum). A call made
+ * from inside another call of the library on the same thread (a bridge
+ * driver calling back in) returns KAVREL_DIRECT_ERR_GENERIC (or 0 / nothing
+ * for the functions that return a count or nothing) and does nothing.
  *
  * Memory: the caller owns every output. Arrays come with a capacity in
  * elements that no function writes beyond; text goes into a caller buffer,
@@ -29,6 +38,7 @@
 #ifndef KAVREL_DIRECT_H
 #define KAVREL_DIRECT_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 /* The one export macro. Applications define nothing: on Windows they import
@@ -156,15 +166,39 @@ typedef struct kavrel_direct_wavelength_selection {
     uint16_t selected_count; /**< end_index - start_index + 1 */
 } kavrel_direct_wavelength_selection;
 
-/* MSVC keeps __cplusplus at 199711L unless told otherwise, yet has had
- * static_assert since Visual Studio 2010; C before C11 gets the array trick. */
+/* The records' layout is part of the ABI: applications in other languages
+ * declare them field by field. These checks stop a build whose compiler
+ * would lay them out otherwise. MSVC keeps __cplusplus at 199711L unless told
+ * otherwise, yet has had static_assert since Visual Studio 2010; C before
+ * C11 gets a typedef of an array whose size is negative when the check fails. */
 #if defined(__cplusplus) && (__cplusplus >= 201103L || (defined(_MSC_VER) && _MSC_VER >= 1600))
-static_assert(sizeof(kavrel_direct_device_info) == 168, "device info is 168 bytes");
+#define KAVREL_DIRECT_LAYOUT_CHECK(name, condition) static_assert(condition, #name)
 #elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
-_Static_assert(sizeof(kavrel_direct_device_info) == 168, "device info is 168 bytes");
+#define KAVREL_DIRECT_LAYOUT_CHECK(name, condition) _Static_assert(condition, #name)
 #else
-typedef char kavrel_direct_device_info_is_168_bytes[(sizeof(kavrel_direct_device_info) == 168) ? 1 : -1];
+#define KAVREL_DIRECT_LAYOUT_CHECK(name, condition) typedef char kavrel_direct_layout_##name[(condition) ? 1 : -1]
 #endif
+
+KAVREL_DIRECT_LAYOUT_CHECK(device_info_size, sizeof(kavrel_direct_device_info) == 168);
+KAVREL_DIRECT_LAYOUT_CHECK(device_info_model, offsetof(kavrel_direct_device_info, model) == 40);
+KAVREL_DIRECT_LAYOUT_CHECK(device_info_hardware_version,
+                           offsetof(kavrel_direct_device_info, hardware_version) == 104);
+KAVREL_DIRECT_LAYOUT_CHECK(selection_size, sizeof(kavrel_direct_wavelength_selection) == 40);
+KAVREL_DIRECT_LAYOUT_CHECK(selection_actual_start,
+                           offsetof(kavrel_direct_wavelength_selection, actual_start) == 16);
+KAVREL_DIRECT_LAYOUT_CHECK(selection_start_index,
+                           offsetof(kavrel_direct_wavelength_selection, start_index) == 32);
+KAVREL_DIRECT_LAYOUT_CHECK(selection_selected_count,
+                           offsetof(kavrel_direct_wavelength_selection, selected_count) == 36);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_size, sizeof(cm2_packet) == 24632);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_raw_len, offsetof(cm2_packet, raw_len) == 16384);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_ta, offsetof(cm2_packet, ta) == 16398);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_file_len, offsetof(cm2_packet, file_len) == 16404);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_pio_addr, offsetof(cm2_packet, pio_addr) == 16416);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_ans_reply, offsetof(cm2_packet, ans_reply) == 16421);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_data, offsetof(cm2_packet, data) == 16422);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_data_size, offsetof(cm2_packet, data_size) == 24616);
+KAVREL_DIRECT_LAYOUT_CHECK(packet_crc_ok, offsetof(cm2_packet, crc_ok) == 24628);
 
 /* ---------------------------------------------------------------------------
  * CM2 packet codec and trace. Pure functions: no device, no lock needed.
@@ -460,7 +494,15 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_selected_wavelength_data(double *wav
 
 /* Spectra. Samples are unsigned 16-bit, one per wavelength point, in
  * detector order. Each call acquires a fresh spectrum and waits for it up to
- * the spectrum time limit. */
+ * the spectrum time limit.
+ *
+ * A spectrum that gives -9 may still be on its way: the instrument goes on
+ * integrating and sends it late. Every request first drops the bytes that
+ * have arrived, but bytes still on the wire arrive afterwards, and both
+ * protocols take any well-formed reply as the answer, so the late spectrum
+ * can be taken as the answer of the next request. After a -9 on a spectrum,
+ * let the rest of the integration time (integration time x averages) pass
+ * before the next request, or close and reopen the device. */
 
 /** Acquires one whole spectrum into samples[0..capacity). NIR and CM2.
  *  NIR: the samples are what the reply carries between its optional start

@@ -22,6 +22,7 @@ protected:
     void SetUp() override {
         DeviceTest::SetUp();
         device = open_cm2();
+        bind_active();
         std::memset(answer, 0xEE, sizeof answer);
     }
     void TearDown() override {
@@ -205,6 +206,7 @@ TEST_F(Cm2Exchange, TimingTraceOnlyForTheSpectrumRegister) {
 
 TEST_F(Cm2Exchange, NeedsAnOpenDevice) {
     kavrel_direct_close_all_devices();
+    operation.reset();
     bridge.clear_calls();
     EXPECT_EQ(query(0xC1, 0, 1), KAVREL_DIRECT_ERR_NOT_OPEN);
     EXPECT_TRUE(bridge.calls.empty());

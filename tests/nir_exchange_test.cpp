@@ -17,6 +17,7 @@ protected:
     void SetUp() override {
         DeviceTest::SetUp();
         device = open_nir();
+        bind_active();
         std::memset(answer, 0xEE, sizeof answer);
         started = bridge.now();
     }
@@ -155,6 +156,7 @@ TEST_F(NirExchange, BridgeFailures) {
 
 TEST_F(NirExchange, NeedsAnOpenDevice) {
     kavrel_direct_close_all_devices();
+    operation.reset();
     bridge.clear_calls();
     EXPECT_EQ(send({'V'}), KAVREL_DIRECT_ERR_NOT_OPEN);
     int32_t received = 0;

@@ -123,10 +123,14 @@ TEST_F(FlashCm2, NoVerdictGivesUpAfter50PollsAnd50Sleeps) {
     EXPECT_EQ(bridge.calls_named("sleep").size(), 50u);
 }
 
-TEST_F(FlashCm2, ReadRefusesANullBufferOrNegativeLengthBeforeSending) {
-    EXPECT_EQ(kavrel_direct_flash_read(1, nullptr, 16), KAVREL_DIRECT_ERR_INVALID_ARG);
+TEST_F(FlashCm2, NullBufferStillReadsThePageAndCountsItNegativeLengthIsRefused) {
     EXPECT_EQ(kavrel_direct_flash_read(1, buffer, -1), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_TRUE(bridge.calls.empty());
+
+    expect_read_block(1);
+    bridge.expect(device, kFlashStatusQuery, status(0xAA));
+    bridge.expect(device, cm2_query_bytes(0xC7, 0, 4), at_once(cm2_reply(0xC7, 0, Bytes(16, 0x61))));
+    EXPECT_EQ(kavrel_direct_flash_read(1, nullptr, 16), 16);
 }
 
 TEST_F(FlashCm2, WriteOpensProtectionFillsBufferAndCommandsWithTheCrc) {

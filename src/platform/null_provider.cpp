@@ -1,69 +1,41 @@
 // A provider with no bridge driver: listing finds nothing and every bridge
-// call fails cleanly. It keeps every build linkable and is what the D2XX
-// provider falls back to when the driver cannot be loaded.
+// call fails cleanly. It keeps every build linkable and ends the hardware
+// chain when no driver can be loaded.
 #include "platform/platform.h"
 
 namespace kavrel::platform {
 namespace {
 
-Status no_list(uint32_t *count) {
-    if (count != nullptr) *count = 0;
-    return kNoDriver;
-}
-Status no_entries(BridgeEntry *, uint32_t *count) {
-    if (count != nullptr) *count = 0;
-    return kNoDriver;
-}
-Status no_open(int, Handle *) {
-    return kNoDriver;
-}
-Status no_handle(Handle) {
-    return kNoDriver;
-}
-Status no_timeouts(Handle, uint32_t, uint32_t) {
-    return kNoDriver;
-}
-Status no_latency(Handle, uint8_t) {
-    return kNoDriver;
-}
-Status no_usb_parameters(Handle, uint32_t, uint32_t) {
-    return kNoDriver;
-}
-Status no_purge(Handle, uint32_t) {
-    return kNoDriver;
-}
-Status no_write(Handle, const void *, uint32_t, uint32_t *written) {
-    if (written != nullptr) *written = 0;
-    return kNoDriver;
-}
-Status no_read(Handle, void *, uint32_t, uint32_t *returned) {
-    if (returned != nullptr) *returned = 0;
-    return kNoDriver;
-}
-
-Platform make_null() {
-    Platform p{};
-    p.name = "null";
-    p.create_device_info_list = no_list;
-    p.get_device_info_list = no_entries;
-    p.open = no_open;
-    p.close = no_handle;
-    p.set_timeouts = no_timeouts;
-    p.set_latency_timer = no_latency;
-    p.set_usb_parameters = no_usb_parameters;
-    p.purge = no_purge;
-    p.reset_device = no_handle;
-    p.write = no_write;
-    p.read = no_read;
-    p.now_ms = host_now_ms;
-    p.sleep_ms = host_sleep_ms;
-    return p;
-}
+struct NullBridge {
+    Status create_device_info_list(uint32_t *count) {
+        if (count != nullptr) *count = 0;
+        return kNoDriver;
+    }
+    Status get_device_info_list(BridgeEntry *, uint32_t *count) { return create_device_info_list(count); }
+    Status open(int, Handle *) { return kNoDriver; }
+    Status close(Handle) { return kNoDriver; }
+    Status set_timeouts(Handle, uint32_t, uint32_t) { return kNoDriver; }
+    Status set_latency_timer(Handle, uint8_t) { return kNoDriver; }
+    Status set_usb_parameters(Handle, uint32_t, uint32_t) { return kNoDriver; }
+    Status purge(Handle, uint32_t) { return kNoDriver; }
+    Status reset_device(Handle) { return kNoDriver; }
+    Status write(Handle, const void *, uint32_t, uint32_t *written) {
+        if (written != nullptr) *written = 0;
+        return kNoDriver;
+    }
+    Status read(Handle, void *, uint32_t, uint32_t *returned) {
+        if (returned != nullptr) *returned = 0;
+        return kNoDriver;
+    }
+    double now_ms() { return host_now_ms(); }
+    void sleep_ms(uint32_t ms) { host_sleep_ms(ms); }
+};
 
 }  // namespace
 
 const Platform &null_provider() {
-    static const Platform provider = make_null();
+    static NullBridge bridge;
+    static const Platform provider = provider_table("null", bridge);
     return provider;
 }
 

@@ -28,6 +28,53 @@ bool text_buffer_ok(const char *buffer, int32_t size) {
     return buffer != nullptr && size >= 2;
 }
 
+
+int32_t hardware_version_text(device_slot &slot, char *buffer, int32_t size) {
+    if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    uint8_t answer[kMaxAnswerBytes];
+    int32_t length = 0;
+    if (int32_t rc = read_setting(slot, kHardwareVersion, kNirHardwareVersion, answer, length)) return rc;
+    if (speaks_nir(slot))
+        copy_text(buffer, size, answer, length);
+    else  // four version numbers; the second word carries nothing
+        std::snprintf(buffer, static_cast<size_t>(size), "%02X.%02X.%02X.%02X", answer[0], answer[1],
+                      answer[2], answer[3]);
+    return KAVREL_DIRECT_OK;
+}
+
+int32_t model_text(device_slot &slot, char *buffer, int32_t size) {
+    if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    uint8_t answer[kMaxAnswerBytes];
+    int32_t length = 0;
+    if (!speaks_nir(slot)) {
+        if (int32_t rc = read_register(kDeviceModel, answer)) return rc;
+        copy_text(buffer, size, answer, kDeviceModel.bytes());
+        return KAVREL_DIRECT_OK;
+    }
+    // Older NIR instruments may not know the model query: any failure
+    // still names the family rather than fail the caller.
+    if (read_nir(kNirDeviceModel, answer, length) == KAVREL_DIRECT_OK)
+        std::snprintf(buffer, static_cast<size_t>(size), "NIR-T%u-%04X",
+                      static_cast<unsigned>(answer[0] & 0x0F),
+                      static_cast<unsigned>(load_be16(answer + 3)));
+    else
+        std::snprintf(buffer, static_cast<size_t>(size), "NIR");
+    return KAVREL_DIRECT_OK;
+}
+
+int32_t serial_number_text(device_slot &slot, char *buffer, int32_t size) {
+    if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    // NIR instruments keep no serial number the library can read.
+    if (speaks_nir(slot)) {
+        std::snprintf(buffer, static_cast<size_t>(size), "NIR");
+        return KAVREL_DIRECT_OK;
+    }
+    uint8_t answer[12];
+    if (int32_t rc = read_register(kSerialNumber, answer)) return rc;
+    copy_text(buffer, size, answer, kSerialNumber.bytes());
+    return KAVREL_DIRECT_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -45,18 +92,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_temperature(float *degrees) {
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_hardware_version(char *buffer, int32_t size) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[kMaxAnswerBytes];
-        int32_t length = 0;
-        if (int32_t rc = read_setting(slot, kHardwareVersion, kNirHardwareVersion, answer, length)) return rc;
-        if (speaks_nir(slot))
-            copy_text(buffer, size, answer, length);
-        else  // four version numbers; the second word carries nothing
-            std::snprintf(buffer, static_cast<size_t>(size), "%02X.%02X.%02X.%02X", answer[0], answer[1],
-                          answer[2], answer[3]);
-        return KAVREL_DIRECT_OK;
-    });
+    return device_call([&](device_slot &slot) { return hardware_version_text(slot, buffer, size); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_detector_serial_number(char *buffer, int32_t size) {
@@ -70,25 +106,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_detector_serial_number(char *buffer,
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_device_model(char *buffer, int32_t size) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        uint8_t answer[kMaxAnswerBytes];
-        int32_t length = 0;
-        if (!speaks_nir(slot)) {
-            if (int32_t rc = read_register(kDeviceModel, answer)) return rc;
-            copy_text(buffer, size, answer, kDeviceModel.bytes());
-            return KAVREL_DIRECT_OK;
-        }
-        // Older NIR instruments may not know the model query: any failure
-        // still names the family rather than fail the caller.
-        if (read_nir(kNirDeviceModel, answer, length) == KAVREL_DIRECT_OK)
-            std::snprintf(buffer, static_cast<size_t>(size), "NIR-T%u-%04X",
-                          static_cast<unsigned>(answer[0] & 0x0F),
-                          static_cast<unsigned>(load_be16(answer + 3)));
-        else
-            std::snprintf(buffer, static_cast<size_t>(size), "NIR");
-        return KAVREL_DIRECT_OK;
-    });
+    return device_call([&](device_slot &slot) { return model_text(slot, buffer, size); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_set_usb_baud_rate(uint16_t value) {
@@ -124,18 +142,7 @@ KAVREL_DIRECT_API int32_t kavrel_direct_set_serial_number(const char *serial_num
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_serial_number(char *buffer, int32_t size) {
-    return device_call([&](device_slot &slot) -> int32_t {
-        if (!text_buffer_ok(buffer, size)) return KAVREL_DIRECT_ERR_INVALID_ARG;
-        // NIR instruments keep no serial number the library can read.
-        if (speaks_nir(slot)) {
-            std::snprintf(buffer, static_cast<size_t>(size), "NIR");
-            return KAVREL_DIRECT_OK;
-        }
-        uint8_t answer[12];
-        if (int32_t rc = read_register(kSerialNumber, answer)) return rc;
-        copy_text(buffer, size, answer, kSerialNumber.bytes());
-        return KAVREL_DIRECT_OK;
-    });
+    return device_call([&](device_slot &slot) { return serial_number_text(slot, buffer, size); });
 }
 
 KAVREL_DIRECT_API int32_t kavrel_direct_get_device_info(kavrel_direct_device_info *info) {
@@ -149,12 +156,10 @@ KAVREL_DIRECT_API int32_t kavrel_direct_get_device_info(kavrel_direct_device_inf
                                                                          : "UNKNOWN";
         std::snprintf(info->protocol_name, sizeof info->protocol_name, "%s", name);
         // Each request that fails leaves only its own field empty.
-        if (kavrel_direct_get_device_model(info->model, sizeof info->model) != KAVREL_DIRECT_OK)
-            info->model[0] = '\0';
-        if (kavrel_direct_get_serial_number(info->serial_number, sizeof info->serial_number) !=
-            KAVREL_DIRECT_OK)
+        if (model_text(slot, info->model, sizeof info->model) != KAVREL_DIRECT_OK) info->model[0] = '\0';
+        if (serial_number_text(slot, info->serial_number, sizeof info->serial_number) != KAVREL_DIRECT_OK)
             info->serial_number[0] = '\0';
-        if (kavrel_direct_get_hardware_version(info->hardware_version, sizeof info->hardware_version) !=
+        if (hardware_version_text(slot, info->hardware_version, sizeof info->hardware_version) !=
             KAVREL_DIRECT_OK)
             info->hardware_version[0] = '\0';
         return KAVREL_DIRECT_OK;

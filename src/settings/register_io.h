@@ -68,7 +68,8 @@ constexpr NirQuery kNirTemperature{{0x74}, 1, 2, 2};
 constexpr NirQuery kNirHardwareVersion{{0x56}, 1, 20, 0};  // any text, even none
 constexpr NirQuery kNirDeviceModel{{0xBB}, 1, 8, 8};
 
-// The most any query here brings back: the model's four words.
+// Room for the answer of any query here: the NIR hardware version's 20
+// bytes, the largest; the model's four words (16 bytes) fit too.
 constexpr int32_t kMaxAnswerBytes = 20;
 
 // Reads register r into answer (room for r.bytes()). An answer shorter than

@@ -3,6 +3,7 @@
 #include "kavrel_direct.h"
 #include "platform/platform.h"
 #include "transport/cm2_exchange.h"
+#include "transport/device_table.h"
 
 namespace kavrel {
 namespace {
@@ -23,7 +24,9 @@ int32_t run_command_block(const command_handshake &handshake, const uint8_t (&bl
         if (length < kCommandBlockBytes) return KAVREL_DIRECT_ERR_IO;
         if (status[1] == kCommandDone) return KAVREL_DIRECT_OK;
         if (status[1] == kCommandFailed) return KAVREL_DIRECT_ERR_IO;
-        platform::current().sleep_ms(handshake.pause_ms);
+        device_slot *slot;
+        if (int32_t rc = guard(slot)) return rc;
+        bridge_of(*slot).sleep_ms(handshake.pause_ms);
     }
     return KAVREL_DIRECT_ERR_TIMEOUT;
 }

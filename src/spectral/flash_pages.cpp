@@ -43,8 +43,11 @@ int32_t nir_read_page(uint16_t page, uint8_t *buffer, int32_t length) {
     return stored;
 }
 
+// The CM2 form reads the page whatever the buffer: with a null buffer the
+// data is dropped and the count still returned, and length 0 asks for 0
+// words. Only a negative length, which has no room to round, is refused.
 int32_t cm2_read_page(uint16_t page, uint8_t *buffer, int32_t length) {
-    if (buffer == nullptr || length < 0) return KAVREL_DIRECT_ERR_INVALID_ARG;
+    if (length < 0) return KAVREL_DIRECT_ERR_INVALID_ARG;
     uint8_t block[kCommandBlockBytes];
     put_page_block(block, kReadPage, page, 0);
     if (int32_t rc = run_command_block(kFlashHandshake, block)) return rc;

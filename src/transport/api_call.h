@@ -1,29 +1,34 @@
-// The frame around every exported device call.
-//
-// Every exported call holds one process-wide lock for its whole duration, so
-// two threads calling at once are served one after the other instead of
-// tearing the device table. The lock is recursive because operations call
-// one another (the device information asks the model, the selection reads the
-// table). No C++ exception ever crosses the C boundary.
+// The frame around every exported call: no C++ exception crosses the C
+// boundary, and a call made from inside another call of the library on the
+// same thread (a provider calling back in) is refused with -1.
 #ifndef KAVREL_TRANSPORT_API_CALL_H
 #define KAVREL_TRANSPORT_API_CALL_H
 
 #include <cstdint>
-#include <mutex>
 #include <new>
 
 #include "kavrel_direct.h"
+#include "transport/device_table.h"
 
 namespace kavrel {
 
-std::recursive_mutex &api_mutex();
+// Marks the running thread as inside the library for the life of the scope.
+class CallScope {
+public:
+    CallScope();
+    ~CallScope();
+    CallScope(const CallScope &) = delete;
+    CallScope &operator=(const CallScope &) = delete;
+};
 
-// Runs body under the API lock. A failed allocation becomes -5, the code of
-// every allocation failure; any other exception (none is expected) -1.
+// Runs body. A failed allocation becomes -5, the code of every allocation
+// failure; any other exception (none is expected) -1. The body takes the
+// locks it needs.
 template <typename Body>
 int32_t api_call(Body &&body) noexcept {
+    if (in_library_call()) return KAVREL_DIRECT_ERR_GENERIC;
     try {
-        std::lock_guard<std::recursive_mutex> lock(api_mutex());
+        CallScope scope;
         return body();
     } catch (const std::bad_alloc &) {
         return KAVREL_DIRECT_ERR_INVALID_ARG;
@@ -33,11 +38,12 @@ int32_t api_call(Body &&body) noexcept {
 }
 
 // For the calls that return a count or nothing: on_failure stands in for a
-// result when an exception is caught.
+// result when an exception is caught or the call is refused.
 template <typename Result, typename Body>
 Result api_call_or(Result on_failure, Body &&body) noexcept {
+    if (in_library_call()) return on_failure;
     try {
-        std::lock_guard<std::recursive_mutex> lock(api_mutex());
+        CallScope scope;
         return body();
     } catch (...) {
         return on_failure;
@@ -46,10 +52,21 @@ Result api_call_or(Result on_failure, Body &&body) noexcept {
 
 template <typename Body>
 void api_call_void(Body &&body) noexcept {
-    try {
-        std::lock_guard<std::recursive_mutex> lock(api_mutex());
+    api_call_or(0, [&] {
         body();
+        return 0;
+    });
+}
+
+// Runs body under the table lock alone: for the queries that touch no
+// instrument and must answer while another thread waits in an exchange.
+template <typename Body>
+int32_t table_call(Body &&body) noexcept {
+    try {
+        std::lock_guard<std::mutex> lock(table_mutex());
+        return body();
     } catch (...) {
+        return KAVREL_DIRECT_ERR_GENERIC;
     }
 }
 

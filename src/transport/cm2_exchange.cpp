@@ -7,7 +7,7 @@
 #include "kavrel_direct.h"
 #include "protocol/byte_order.h"
 #include "protocol/cm2_codec.h"
-#include "transport/api_call.h"
+#include "transport/device_call.h"
 #include "transport/device_table.h"
 #include "transport/timing.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 // Reads until count bytes are in buffer. A read that returns nothing means
 // the time limit passed.
-int32_t read_exactly(const platform::Platform &bridge, platform::Handle handle, uint8_t *buffer,
+int32_t read_exactly(const platform::Bridge &bridge, platform::Handle handle, uint8_t *buffer,
                      int32_t count) {
     int32_t have = 0;
     while (have < count) {
@@ -58,15 +58,15 @@ int32_t send_and_recv(uint8_t reg, uint32_t address, const uint8_t *data, uint32
         query ? kavrel_direct_build_query(reg, address, static_cast<uint16_t>(length), request)
               : kavrel_direct_build_write(reg, address, data, static_cast<int32_t>(length), request);
 
-    const platform::Platform &bridge = platform::current();
+    const platform::Bridge bridge = bridge_of(*slot);
     bridge.purge(slot->handle, platform::kPurgeRx | platform::kPurgeTx);
-    const double t0 = tracing ? now_ms() : 0.0;
+    const double t0 = tracing ? bridge.now_ms() : 0.0;
     uint32_t written = 0;
     if (bridge.write(slot->handle, request, static_cast<uint32_t>(request_length), &written) !=
             platform::kOk ||
         written != static_cast<uint32_t>(request_length))
         return KAVREL_DIRECT_ERR_IO;
-    const double t1 = tracing ? now_ms() : 0.0;
+    const double t1 = tracing ? bridge.now_ms() : 0.0;
 
     const uint32_t limit = reg == kRegSpectrum
                                ? spectrum_time_limit_ms(slot->integration_time, slot->average_number)
@@ -77,14 +77,14 @@ int32_t send_and_recv(uint8_t reg, uint32_t address, const uint8_t *data, uint32
     // data, 4 bytes of CRC.
     uint8_t reply[cm2::kMaxPacketBytes];
     if (int32_t rc = read_exactly(bridge, slot->handle, reply, cm2::kHeadBytes)) return rc;
-    const double t2 = tracing ? now_ms() : 0.0;
+    const double t2 = tracing ? bridge.now_ms() : 0.0;
     const int32_t reply_length = cm2::kMinPacketBytes + 4 * load_be16(reply + cm2::kDataLenOffset);
     if (reply_length > cm2::kMaxPacketBytes) return KAVREL_DIRECT_ERR_IO;
     if (int32_t rc =
             read_exactly(bridge, slot->handle, reply + cm2::kHeadBytes, reply_length - cm2::kHeadBytes))
         return rc;
     if (tracing) {
-        const double t3 = now_ms();
+        const double t3 = bridge.now_ms();
         std::printf(
             "[trace C6] write=%.3f ms, wait_header=%.3f ms, read_body=%.3f ms, total=%.3f ms, "
             "expected=%d\n",
@@ -116,13 +116,12 @@ extern "C" int32_t kavrel_direct_send_recv(const uint8_t *request, uint32_t requ
     // pause after each of the first 500.
     constexpr int kEmptyReadsToEnd = 501;
     constexpr uint32_t kEmptyPauseMs = 10;
-    return api_call([&]() -> int32_t {
-        device_slot *slot;
-        if (int32_t rc = guard(slot)) return rc;
+    return device_call([&](device_slot &device) -> int32_t {
+        device_slot *slot = &device;
         if (reply_length == nullptr || (request == nullptr && request_length > 0) ||
             (reply == nullptr && *reply_length > 0))
             return KAVREL_DIRECT_ERR_INVALID_ARG;
-        const platform::Platform &bridge = platform::current();
+        const platform::Bridge bridge = bridge_of(*slot);
         uint32_t written = 0;
         if (bridge.write(slot->handle, request, request_length, &written) != platform::kOk ||
             written != request_length)

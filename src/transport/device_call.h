@@ -1,5 +1,6 @@
-// The frame of an exported device operation: the API lock, then the device
-// guard, then the operation's body on the active slot.
+// The frame of an exported device operation: the device guard, then the
+// operation's body on the slot that was active when it began, holding that
+// slot's I/O lock.
 #ifndef KAVREL_TRANSPORT_DEVICE_CALL_H
 #define KAVREL_TRANSPORT_DEVICE_CALL_H
 
@@ -8,14 +9,22 @@
 
 namespace kavrel {
 
-// Runs body(slot) under the API lock once the guard has passed; the guard's
-// -3 comes before anything the body checks.
+// The open slot that is active now, or -1 (the guard's -3).
+int active_index_now();
+
+// Runs body(slot) once the guard has passed; the guard's -3 comes before
+// anything the body checks.
 template <typename Body>
 int32_t device_call(Body &&body) noexcept {
     return api_call([&]() -> int32_t {
-        device_slot *slot;
-        if (int32_t rc = guard(slot)) return rc;
-        return body(*slot);
+        const int index = active_index_now();
+        if (index < 0) return KAVREL_DIRECT_ERR_NOT_OPEN;
+        std::lock_guard<std::mutex> io(slot_mutex(index));
+        // Closed while this call waited for the slot (whoever writes is_open
+        // holds the slot's lock).
+        if (!g_devices[index].is_open) return KAVREL_DIRECT_ERR_NOT_OPEN;
+        OperationScope operation(g_devices[index]);
+        return body(g_devices[index]);
     });
 }
 

@@ -26,11 +26,11 @@ uint16_t nir_crc16(const uint8_t *bytes, size_t length) {
 }
 
 int32_t nir_read_available(uint8_t *buffer, int32_t capacity, int32_t *received, uint32_t quiet_ms) {
-    const platform::Platform &bridge = platform::current();
-    double last = now_ms();
     if (received == nullptr) return KAVREL_DIRECT_ERR_INVALID_ARG;
     device_slot *slot;
     if (int32_t rc = guard(slot)) return rc;
+    const platform::Bridge bridge = bridge_of(*slot);
+    double last = bridge.now_ms();
 
     bridge.set_timeouts(slot->handle, kPollReadMs, kDefaultTimeoutMs);
     int32_t total = 0;
@@ -42,12 +42,12 @@ int32_t nir_read_available(uint8_t *buffer, int32_t capacity, int32_t *received,
         if (got > wanted) got = wanted;  // a driver that overstates is not believed
         if (got > 0) {
             total += static_cast<int32_t>(got);
-            last = now_ms();
+            last = bridge.now_ms();
             continue;
         }
         // Quiet time runs from the last byte (from the start while none has
         // come), so a reply that keeps trickling in is read to its end.
-        if (now_ms() - last >= quiet_ms) break;
+        if (bridge.now_ms() - last >= quiet_ms) break;
         bridge.sleep_ms(kPollPauseMs);
     }
     bridge.set_timeouts(slot->handle, kDefaultTimeoutMs, kDefaultTimeoutMs);
@@ -67,7 +67,7 @@ int32_t nir_send_command(const uint8_t *command, int32_t length, uint8_t *answer
     frame[length] = static_cast<uint8_t>(crc >> 8);
     frame[length + 1] = static_cast<uint8_t>(crc);
 
-    const platform::Platform &bridge = platform::current();
+    const platform::Bridge bridge = bridge_of(*slot);
     bridge.purge(slot->handle, platform::kPurgeRx | platform::kPurgeTx);
     const auto frame_length = static_cast<uint32_t>(length + 2);
     uint32_t written = 0;

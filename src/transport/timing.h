@@ -15,11 +15,6 @@ constexpr uint32_t kCm2ReplyTimeoutMs = 200;
 // Ceiling of the spectrum time limit.
 constexpr uint32_t kSpectrumTimeoutCapMs = 120000;
 
-// Milliseconds on the platform's monotonic clock.
-inline double now_ms() {
-    return platform::current().now_ms();
-}
-
 // How long a spectrum may take to arrive: the integration time rounded up to
 // whole milliseconds, times the number of averages (0 counts as 1), plus one
 // second for the transfer, at most two minutes. 64-bit so that any 32-bit

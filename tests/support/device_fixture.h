@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
 #include "kavrel_direct.h"
@@ -21,6 +22,7 @@ protected:
     }
 
     void TearDown() override {
+        operation.reset();
         EXPECT_EQ(bridge.unplayed_steps(), 0u) << "scripted traffic that never happened";
         kavrel_direct_close_all_devices();
         kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO);
@@ -44,6 +46,11 @@ protected:
     }
 
     device_slot &active() { return g_devices[g_active_index]; }
+
+    // Internal calls the test makes itself (the exchanges) work on the slot
+    // bound here, as they do inside an exported operation.
+    std::optional<OperationScope> operation;
+    void bind_active() { operation.emplace(active()); }
 };
 
 }  // namespace kavrel::test

@@ -4,15 +4,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "protocol/byte_order.h"
 #include "protocol/cm2_codec.h"
+#include "transport/device_table.h"
 #include "transport/nir_exchange.h"
 
 namespace kavrel::test {
-
-FakeBridge *FakeBridge::active = nullptr;
 
 std::string hex(const Bytes &bytes) {
     std::string out;
@@ -24,77 +24,92 @@ std::string hex(const Bytes &bytes) {
     return out;
 }
 
-namespace {
-
-platform::Status c_create(uint32_t *count) {
-    return FakeBridge::active->create_list(count);
-}
-platform::Status c_get(platform::BridgeEntry *e, uint32_t *count) {
-    return FakeBridge::active->get_list(e, count);
-}
-platform::Status c_open(int index, platform::Handle *h) {
-    return FakeBridge::active->open(index, h);
-}
-platform::Status c_close(platform::Handle h) {
-    return FakeBridge::active->close(h);
-}
-platform::Status c_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
-    return FakeBridge::active->set_timeouts(h, r, w);
-}
-platform::Status c_latency(platform::Handle h, uint8_t ms) {
-    return FakeBridge::active->simple("set_latency_timer", h, ms, 0);
-}
-platform::Status c_usb(platform::Handle h, uint32_t in, uint32_t out) {
-    return FakeBridge::active->simple("set_usb_parameters", h, in, out);
-}
-platform::Status c_purge(platform::Handle h, uint32_t mask) {
-    return FakeBridge::active->purge(h, mask);
-}
-platform::Status c_reset(platform::Handle h) {
-    return FakeBridge::active->simple("reset_device", h, 0, 0);
-}
-platform::Status c_write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
-    return FakeBridge::active->write(h, b, n, w);
-}
-platform::Status c_read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
-    return FakeBridge::active->read(h, b, n, r);
-}
-double c_now() {
-    return FakeBridge::active->now();
-}
-void c_sleep(uint32_t ms) {
-    FakeBridge::active->sleep(ms);
-}
-
-}  // namespace
+// A wrapper that forwards every call and counts the bridge calls (the clock
+// is not a bridge call).
+struct FakeBridge::Counter : platform::Forwarder {
+    using Forwarder::Forwarder;
+    size_t forwarded = 0;
+    platform::Status create_device_info_list(uint32_t *n) { ++forwarded; return Forwarder::create_device_info_list(n); }
+    platform::Status get_device_info_list(platform::BridgeEntry *e, uint32_t *n) {
+        ++forwarded;
+        return Forwarder::get_device_info_list(e, n);
+    }
+    platform::Status open(int i, platform::Handle *h) { ++forwarded; return Forwarder::open(i, h); }
+    platform::Status close(platform::Handle h) { ++forwarded; return Forwarder::close(h); }
+    platform::Status set_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
+        ++forwarded;
+        return Forwarder::set_timeouts(h, r, w);
+    }
+    platform::Status set_latency_timer(platform::Handle h, uint8_t ms) {
+        ++forwarded;
+        return Forwarder::set_latency_timer(h, ms);
+    }
+    platform::Status set_usb_parameters(platform::Handle h, uint32_t i, uint32_t o) {
+        ++forwarded;
+        return Forwarder::set_usb_parameters(h, i, o);
+    }
+    platform::Status purge(platform::Handle h, uint32_t m) { ++forwarded; return Forwarder::purge(h, m); }
+    platform::Status reset_device(platform::Handle h) { ++forwarded; return Forwarder::reset_device(h); }
+    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
+        ++forwarded;
+        return Forwarder::write(h, b, n, w);
+    }
+    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
+        ++forwarded;
+        return Forwarder::read(h, b, n, r);
+    }
+    void sleep_ms(uint32_t ms) {
+        ++forwarded;
+        Forwarder::sleep_ms(ms);
+    }
+};
 
 FakeBridge::FakeBridge() {
-    platform_.name = "fake";
-    platform_.create_device_info_list = c_create;
-    platform_.get_device_info_list = c_get;
-    platform_.open = c_open;
-    platform_.close = c_close;
-    platform_.set_timeouts = c_timeouts;
-    platform_.set_latency_timer = c_latency;
-    platform_.set_usb_parameters = c_usb;
-    platform_.purge = c_purge;
-    platform_.reset_device = c_reset;
-    platform_.write = c_write;
-    platform_.read = c_read;
-    platform_.now_ms = c_now;
-    platform_.sleep_ms = c_sleep;
-    active = this;
-    platform::install(&platform_);
+    platform_ = platform::provider_table("fake", *this);
+    if (std::getenv("KAVREL_TEST_WRAPPED_PROVIDER") != nullptr) {
+        wrapper_ = std::make_unique<Counter>(platform_);
+        wrapped_ = platform::provider_table("counting wrapper", *wrapper_);
+        use_provider(&wrapped_);
+    } else {
+        use_provider(&platform_);
+    }
 }
 
 FakeBridge::~FakeBridge() {
-    platform::install(nullptr);
-    active = nullptr;
+    use_provider(nullptr);
+    if (wrapper_) {
+        EXPECT_EQ(wrapper_->forwarded, total_calls_) << "the wrapper did not see every call";
+    }
+}
+
+void FakeBridge::record(BridgeCall call) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++total_calls_;
+    calls.push_back(std::move(call));
+}
+
+void FakeBridge::hold(int index) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    instrument(index).held = true;
+}
+
+void FakeBridge::release(int index) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        instrument(index).held = false;
+    }
+    held_changed_.notify_all();
+}
+
+void FakeBridge::wait_for_held_read() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    held_changed_.wait(lock, [this] { return held_reads_ > 0; });
 }
 
 int FakeBridge::attach(const std::string &serial) {
     instruments_.emplace_back();
     instruments_.back().serial = serial;
+    instruments_.back().inbox = std::make_unique<platform::Inbox>(clock_);
     return static_cast<int>(instruments_.size()) - 1;
 }
 
@@ -140,14 +155,14 @@ int FakeBridge::index_of(platform::Handle handle) const {
     return -1;
 }
 
-platform::Status FakeBridge::create_list(uint32_t *count) {
-    calls.push_back({"create_device_info_list", -1, now_ms_, 0, 0, {}});
+platform::Status FakeBridge::create_device_info_list(uint32_t *count) {
+    record({"create_device_info_list", -1, now(), 0, 0, {}});
     *count = create_status == 0 ? static_cast<uint32_t>(instruments_.size()) : 0;
     return create_status;
 }
 
-platform::Status FakeBridge::get_list(platform::BridgeEntry *entries, uint32_t *count) {
-    calls.push_back({"get_device_info_list", -1, now_ms_, *count, 0, {}});
+platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries, uint32_t *count) {
+    record({"get_device_info_list", -1, now(), *count, 0, {}});
     if (get_status != 0) return get_status;
     const uint32_t n = std::min<uint32_t>(*count, static_cast<uint32_t>(instruments_.size()));
     for (uint32_t i = 0; i < n; ++i) {
@@ -161,7 +176,7 @@ platform::Status FakeBridge::get_list(platform::BridgeEntry *entries, uint32_t *
 }
 
 platform::Status FakeBridge::open(int index, platform::Handle *handle) {
-    calls.push_back({"open", index, now_ms_, static_cast<uint32_t>(index), 0, {}});
+    record({"open", index, now(), static_cast<uint32_t>(index), 0, {}});
     if (open_status != 0) return open_status;
     if (index < 0 || static_cast<size_t>(index) >= instruments_.size()) return 2;
     FakeInstrument &device = instrument(index);
@@ -172,39 +187,45 @@ platform::Status FakeBridge::open(int index, platform::Handle *handle) {
 
 platform::Status FakeBridge::close(platform::Handle handle) {
     const int index = index_of(handle);
-    calls.push_back({"close", index, now_ms_, 0, 0, {}});
+    record({"close", index, now(), 0, 0, {}});
     if (index >= 0) instrument(index).open = false;
     return 0;
 }
 
 platform::Status FakeBridge::set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms) {
     const int index = index_of(handle);
-    calls.push_back({"set_timeouts", index, now_ms_, read_ms, write_ms, {}});
-    if (index >= 0) {
-        instrument(index).read_limit_ms = read_ms;
-        instrument(index).write_limit_ms = write_ms;
-    }
+    record({"set_timeouts", index, now(), read_ms, write_ms, {}});
+    if (index >= 0) instrument(index).read_limit_ms = read_ms;
     return 0;
 }
 
-platform::Status FakeBridge::simple(const char *name, platform::Handle handle, uint32_t a, uint32_t b) {
-    calls.push_back({name, index_of(handle), now_ms_, a, b, {}});
+platform::Status FakeBridge::set_latency_timer(platform::Handle handle, uint8_t ms) {
+    record({"set_latency_timer", index_of(handle), now(), ms, 0, {}});
+    return 0;
+}
+
+platform::Status FakeBridge::set_usb_parameters(platform::Handle handle, uint32_t in_size, uint32_t out_size) {
+    record({"set_usb_parameters", index_of(handle), now(), in_size, out_size, {}});
+    return 0;
+}
+
+platform::Status FakeBridge::reset_device(platform::Handle handle) {
+    record({"reset_device", index_of(handle), now(), 0, 0, {}});
     return 0;
 }
 
 platform::Status FakeBridge::purge(platform::Handle handle, uint32_t mask) {
     const int index = index_of(handle);
-    calls.push_back({"purge", index, now_ms_, mask, 0, {}});
-    // Whatever the instrument had sent or was still sending is dropped.
-    if (index >= 0) instrument(index).incoming.clear();
+    record({"purge", index, now(), mask, 0, {}});
+    if (index >= 0 && (mask & platform::kPurgeRx)) instrument(index).inbox->purge();
     return 0;
 }
 
 void FakeBridge::schedule(FakeInstrument &device, const std::vector<Chunk> &reply) {
-    double at = now_ms_;
+    double at = now();
     for (const Chunk &chunk : reply) {
         at += chunk.delay_ms;
-        device.incoming.push_back({at, chunk.bytes});
+        device.inbox->deliver(chunk.bytes, at);
     }
 }
 
@@ -213,7 +234,7 @@ platform::Status FakeBridge::write(platform::Handle handle, const void *bytes, u
     const int index = index_of(handle);
     const auto *p = static_cast<const uint8_t *>(bytes);
     Bytes data(p, p + count);
-    calls.push_back({"write", index, now_ms_, count, 0, data});
+    record({"write", index, now(), count, 0, data});
     *written = count;
     if (index < 0) return 1;
     FakeInstrument &device = instrument(index);
@@ -235,45 +256,35 @@ platform::Status FakeBridge::write(platform::Handle handle, const void *bytes, u
 
 platform::Status FakeBridge::read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned) {
     const int index = index_of(handle);
-    BridgeCall call{"read", index, now_ms_, count, 0, {}};
+    BridgeCall call{"read", index, now(), count, 0, {}};
     *returned = 0;
     if (index < 0) return 1;
     FakeInstrument &device = instrument(index);
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (device.held) {
+            ++held_reads_;
+            held_changed_.notify_all();
+            held_changed_.wait(lock, [&] { return !device.held; });
+            --held_reads_;
+        }
+    }
     if (device.fail_read_after >= 0 && device.reads_done >= device.fail_read_after) {
-        calls.push_back(call);
+        record(call);
         return 4;
     }
     ++device.reads_done;
-    // Block in virtual time until count bytes have arrived or the limit ends.
-    const double deadline = now_ms_ + device.read_limit_ms;
     auto *out = static_cast<uint8_t *>(buffer);
-    uint32_t got = 0;
-    for (;;) {
-        while (got < count && !device.incoming.empty() && device.incoming.front().at <= now_ms_) {
-            Bytes &front = device.incoming.front().bytes;
-            const size_t take = std::min<size_t>(count - got, front.size());
-            std::memcpy(out + got, front.data(), take);
-            call.bytes.insert(call.bytes.end(), front.begin(), front.begin() + static_cast<long>(take));
-            got += static_cast<uint32_t>(take);
-            front.erase(front.begin(), front.begin() + static_cast<long>(take));
-            if (front.empty()) device.incoming.pop_front();
-        }
-        if (got >= count) break;
-        if (!device.incoming.empty() && device.incoming.front().at <= deadline) {
-            now_ms_ = std::max(now_ms_, device.incoming.front().at);
-            continue;
-        }
-        now_ms_ = deadline;
-        break;
-    }
-    *returned = got;
-    calls.push_back(call);
+    const size_t got = device.inbox->read(out, count, device.read_limit_ms);
+    call.bytes.assign(out, out + got);
+    *returned = static_cast<uint32_t>(got);
+    record(call);
     return 0;
 }
 
-void FakeBridge::sleep(uint32_t ms) {
-    calls.push_back({"sleep", -1, now_ms_, ms, 0, {}});
-    now_ms_ += ms;
+void FakeBridge::sleep_ms(uint32_t ms) {
+    record({"sleep", -1, now(), ms, 0, {}});
+    clock_.sleep_ms(ms);
 }
 
 Bytes nir_frame(const Bytes &command) {

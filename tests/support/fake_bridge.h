@@ -1,25 +1,28 @@
-// A fake USB bridge with scripted instruments and a virtual clock.
+// A fake USB bridge with scripted instruments, on the library's timing
+// engine in virtual time.
 //
 // Each attached bridge plays a script: every write the library makes takes
 // the next step, is compared with the bytes the step expects (a mismatch
 // fails the test with both sides dumped in hex), and schedules the step's
-// reply chunks on the virtual clock. A read with a time limit blocks, in
-// virtual time, until enough bytes have arrived or the limit passes; sleeps
-// advance the clock at once. Every bridge call is recorded with its
-// arguments and the virtual time it began at, so tests assert the exact
-// traffic, its order, the limits set and the time an exchange took, and a
-// two-minute time limit runs in microseconds.
+// reply chunks in the bridge's inbox. Reads, purges and the clock are the
+// engine's, so a two-minute time limit runs in microseconds. Every bridge
+// call is recorded with its arguments and the virtual time it began at, so
+// tests assert the exact traffic, its order and the limits set.
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/timing_engine.h"
 
 namespace kavrel::test {
 
@@ -60,13 +63,9 @@ struct FakeInstrument {
     // Bookkeeping of the fake itself.
     bool open = false;
     uint32_t read_limit_ms = 5000;
-    uint32_t write_limit_ms = 5000;
-    struct Arrival {
-        double at;
-        Bytes bytes;
-    };
-    std::deque<Arrival> incoming;
+    std::unique_ptr<platform::Inbox> inbox;
     int reads_done = 0;
+    bool held = false;  // reads wait until release()
 };
 
 class FakeBridge {
@@ -84,8 +83,14 @@ public:
     FakeBridge &expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
     FakeBridge &reply_any(int index, std::vector<Chunk> reply);
 
-    double now() const { return now_ms_; }
-    void advance(double ms) { now_ms_ += ms; }
+    double now() const { return clock_.now_ms(); }
+    void advance(double ms) { clock_.sleep_ms(ms); }
+
+    // Reads of bridge index block (for real, on any thread) from now until
+    // release(); wait_for_held_read() returns once one is blocked.
+    void hold(int index);
+    void release(int index);
+    void wait_for_held_read();
 
     std::vector<BridgeCall> calls;
     // The calls of one name, in order.
@@ -102,29 +107,41 @@ public:
     uint32_t open_status = 0;
 
     const platform::Platform &platform() const { return platform_; }
+    // Every call the provider received, whatever clear_calls() dropped.
+    size_t total_calls() const { return total_calls_; }
 
-    // The bridge installed as the library's platform, for the C callbacks.
-    static FakeBridge *active;
-
-    // Provider calls.
-    platform::Status create_list(uint32_t *count);
-    platform::Status get_list(platform::BridgeEntry *entries, uint32_t *count);
+    // The provider's calls, filled into the table by name.
+    platform::Status create_device_info_list(uint32_t *count);
+    platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
     platform::Status open(int index, platform::Handle *handle);
     platform::Status close(platform::Handle handle);
     platform::Status set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms);
-    platform::Status simple(const char *name, platform::Handle handle, uint32_t a, uint32_t b);
+    platform::Status set_latency_timer(platform::Handle handle, uint8_t ms);
+    platform::Status set_usb_parameters(platform::Handle handle, uint32_t in_size, uint32_t out_size);
     platform::Status purge(platform::Handle handle, uint32_t mask);
+    platform::Status reset_device(platform::Handle handle);
     platform::Status write(platform::Handle handle, const void *bytes, uint32_t count, uint32_t *written);
     platform::Status read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned);
-    void sleep(uint32_t ms);
+    double now_ms() { return clock_.now_ms(); }
+    void sleep_ms(uint32_t ms);
 
 private:
     int index_of(platform::Handle handle) const;
+    void record(BridgeCall call);
     void schedule(FakeInstrument &device, const std::vector<Chunk> &reply);
 
+    platform::Clock clock_{platform::Clock::Mode::virtual_time};
     std::deque<FakeInstrument> instruments_;
-    double now_ms_ = 1000.0;
     platform::Platform platform_{};
+    size_t total_calls_ = 0;
+    // With KAVREL_TEST_WRAPPED_PROVIDER set, a forwarding wrapper stands in
+    // front of the fake, and every test must pass through it unchanged.
+    struct Counter;
+    std::unique_ptr<Counter> wrapper_;
+    platform::Platform wrapped_{};
+    std::mutex mutex_;  // calls and holds, for tests with several threads
+    std::condition_variable held_changed_;
+    int held_reads_ = 0;
 };
 
 // Reply and request builders.
