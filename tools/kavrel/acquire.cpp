@@ -46,6 +46,8 @@ std::vector<double> load_dark(const std::string &path, const SpectrumSet &set) {
     return dark.mean();
 }
 
+void draw(Session &session, const SpectrumSet &set, std::FILE *stream);
+
 void emit(Session &session, const SpectrumSet &set, Format format, const std::string &path, bool plot) {
     Output out(path, false);
     if (format == Format::json)
@@ -53,12 +55,16 @@ void emit(Session &session, const SpectrumSet &set, Format format, const std::st
     else
         write_csv(out.stream(), set);
     out.finish();
-    if (!out.to_stdout())
-        session.note(cli::format("wrote %zu spectr%s of %zu points to %s", set.spectra.size(),
-                                 set.spectra.size() == 1 ? "um" : "a", set.wavelengths.size(), path.c_str()));
-    if (!plot) return;
-    // The data keeps stdout to itself unless it went to a file.
-    std::FILE *stream = out.to_stdout() ? stderr : stdout;
+    const std::string wrote = out.to_stdout() ? std::string()
+                                              : cli::format("wrote %zu spectr%s of %zu points to %s", set.spectra.size(),
+                                                            set.spectra.size() == 1 ? "um" : "a",
+                                                            set.wavelengths.size(), path.c_str());
+    if (plot) draw(session, set, out.to_stdout() ? stderr : stdout);
+    if (!wrote.empty()) session.note(wrote);
+}
+
+// The data keeps stdout to itself unless it went to a file.
+void draw(Session &session, const SpectrumSet &set, std::FILE *stream) {
     session.flush_trace();
     PlotStyle style;
     style.width = terminal_columns(stream);

@@ -251,7 +251,8 @@ int run_wavelengths(Session &session, const WavelengthArgs &args) {
         if (json) {
             print_json(out.stream(), {{"coefficients", {c[0], c[1], c[2], c[3]}}});
         } else {
-            std::fprintf(out.stream(), "c0,c1,c2,c3\n%.17g,%.17g,%.17g,%.17g\n", c[0], c[1], c[2], c[3]);
+            std::fprintf(out.stream(), "c0,c1,c2,c3\n%s,%s,%s,%s\n", double_text(c[0]).c_str(),
+                         double_text(c[1]).c_str(), double_text(c[2]).c_str(), double_text(c[3]).c_str());
         }
     } else if (args.range) {
         double first = 0, last = 0;
@@ -332,7 +333,7 @@ int run_flash_read(Session &session, const FlashArgs &args) {
 
     Output out(args.file, true);
     if (args.hex || (out.to_stdout() && is_terminal(stdout))) {
-        std::fprintf(out.stream(), "page %u, %zu bytes:\n      ", page, buffer.size());
+        std::fprintf(out.stream(), "page %u, %zu bytes:\n       ", page, buffer.size());
         std::fflush(out.stream());
         if (out.to_stdout()) {
             kavrel_direct_dump_hex(buffer.data(), static_cast<int32_t>(buffer.size()));
@@ -357,7 +358,16 @@ int run_flash_write(Session &session, const FlashArgs &args) {
     if (data.empty() || data.size() > most)
         fail(kExitUsage, format("flash write: %s holds %zu bytes; one page write carries 1 to %zu bytes on %s",
                                 args.file.c_str(), data.size(), most, instrument.protocol_name()));
-    session.check(kavrel_direct_flash_write(page, data.data(), static_cast<int32_t>(data.size())),
+    const int32_t rc = kavrel_direct_flash_write(page, data.data(), static_cast<int32_t>(data.size()));
+    // The NIR form, unlike the CM2 one, does not open the write protection
+    // itself, and an instrument that keeps it closed refuses the command.
+    uint32_t is_open = 1;
+    if (rc == KAVREL_DIRECT_ERR_IO && instrument.nir() && kavrel_direct_get_flash_write_protect(&is_open) == 0 &&
+        is_open == 0)
+        fail(exit_status_of(rc), format("io: the instrument refused the write: its flash write protection is closed "
+                                        "(kavrel set flash_write_protect open flash write %u %s)",
+                                        page, args.file.c_str()));
+    session.check(rc,
                   {format("writing flash page %u%s", page, instrument.nir() ? "" : ", 50 polls 50 ms apart"),
                    instrument.nir() ? 1000.0 : 2500.0});
     session.note(format("wrote %zu bytes to flash page %u", data.size(), page));
@@ -413,7 +423,7 @@ int run_parse(const std::vector<std::string> &hex) {
     if (bytes.size() > KAVREL_DIRECT_CM2_MAX_PACKET)
         fail(exit_status_of(KAVREL_DIRECT_ERR_GENERIC), "generic: a CM2 packet holds at most 16384 bytes");
 
-    std::printf("[PACKET] (%zu bytes):\n      ", bytes.size());
+    std::printf("[PACKET] (%zu bytes):\n       ", bytes.size());
     kavrel_direct_dump_hex(bytes.data(), static_cast<int32_t>(bytes.size()));
     auto packet = std::make_unique<cm2_packet>();
     const int32_t rc = kavrel_direct_parse_response(bytes.data(), static_cast<int32_t>(bytes.size()), packet.get());

@@ -60,9 +60,10 @@ void check_provider(Session &session, Report &report) {
     }
     const char *name = platform::hardware_provider().name;
     if (name != nullptr && std::strcmp(name, platform::null_provider().name) == 0) {
-        report.problem("no bridge driver could be loaded: listing finds nothing",
-                       "install the vendor's D2XX driver (libftd2xx.so, with ldconfig) or libftdi1 "
-                       "(apt-get install libftdi1-2)");
+        std::string remedy = "install the vendor's D2XX driver, libftd2xx.so, where the dynamic loader finds "
+                             "it (/usr/local/lib, then sudo ldconfig)";
+        if (chain.find("libftdi1") != std::string::npos) remedy += ", or libftdi1 (sudo apt-get install libftdi1-2)";
+        report.problem("no bridge driver could be loaded: listing finds nothing", remedy);
     } else {
         report.ok(std::string("in force: ") + (name != nullptr ? name : "?"));
     }

@@ -44,8 +44,7 @@ Format to_format(const std::string &name) {
 
 int main(int argc, char **argv) {
     CLI::App app{"kavrel: drive KavrelDirect spectrometers from the command line", "kavrel"};
-    app.footer(kFooter);
-    app.require_subcommand(1);
+    app.require_subcommand(1, 0);
     // Global options may also follow a subcommand.
     app.fallthrough();
     app.set_version_flag("--version", "kavrel " KAVREL_VERSION " (KavrelDirect " KAVREL_VERSION ")");
@@ -61,6 +60,7 @@ int main(int argc, char **argv) {
                    std::string("a fault the simulated instrument commits once opened, KIND[:COUNT[:PARAMETER]] "
                                "(COUNT 0: from then on); kinds: ") +
                        sim_fault_names())
+        ->allow_extra_args(false)
         ->needs(sim);
     // Virtual time for the tests: every wait passes at once.
     app.add_flag("--sim-virtual-time", options.sim_virtual_time)->needs(sim)->group("");
@@ -102,7 +102,8 @@ int main(int argc, char **argv) {
     SetArgs set;
     cmd = app.add_subcommand("set", "change a setting: kavrel set integration_time 20ms");
     cmd->add_option("NAME", set.name, "what to set (kavrel get --list)")->required();
-    cmd->add_option("VALUE", set.values, "its value or values")->required();
+    // Not required: a required list would swallow the subcommands after it.
+    cmd->add_option("VALUE", set.values, "its value or values");
     actions[cmd] = [&](Session &s) { return run_set(s, set); };
 
     WavelengthArgs wavelengths;
@@ -147,7 +148,7 @@ int main(int argc, char **argv) {
     };
 
     CLI::App *flash = app.add_subcommand("flash", "read or write a page of the instrument's flash memory");
-    flash->require_subcommand(1);
+    flash->require_subcommand(1, 0);
     FlashArgs flash_read;
     cmd = flash->add_subcommand("read", "read flash page PAGE (raw bytes to -o FILE or stdout; hex on a terminal)");
     cmd->add_option("PAGE", flash_read.page, "page number, 0 to 65535")->required();
@@ -188,6 +189,9 @@ int main(int argc, char **argv) {
 
     cmd = app.add_subcommand("doctor", "check the set-up: driver, USB devices, permissions, instruments");
     actions[cmd] = [&](Session &s) { return run_doctor(s); };
+
+    // Set last, so that the subcommands' help does not repeat it.
+    app.footer(kFooter);
 
     try {
         app.parse(argc, argv);

@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -61,6 +63,12 @@ int terminal_columns(std::FILE *stream) {
 std::string float_text(double value) {
     char text[32];
     const auto result = std::to_chars(text, text + sizeof text, static_cast<float>(value));
+    return std::string(text, result.ptr);
+}
+
+std::string double_text(double value) {
+    char text[40];
+    const auto result = std::to_chars(text, text + sizeof text, value);
     return std::string(text, result.ptr);
 }
 

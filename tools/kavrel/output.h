@@ -21,6 +21,8 @@ int terminal_columns(std::FILE *stream);
 // The shortest text that reads back as the same single-precision value:
 // wavelengths travel as floats, so more digits would only be noise.
 std::string float_text(double value);
+// The shortest text that reads back as the same double.
+std::string double_text(double value);
 // The same value as a JSON number that prints the same way.
 nlohmann::json float_json(double value);
 

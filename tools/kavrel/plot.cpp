@@ -124,16 +124,30 @@ void plot_spectrum(std::FILE *out, const std::vector<double> &wavelengths, const
         legend.push_back(label + " nm (" + axis_number(v[p]) + ")");
         const size_t c = column_of(wl[p]);
         if (label.size() > width) continue;
-        const size_t start = std::min(c >= label.size() / 2 ? c - label.size() / 2 : 0, width - label.size());
-        for (int r = top_row[c] - 1; r >= 0; --r) {
+        // Every place that keeps the label over its column, nearest the
+        // middle first, in the lowest row where one is free.
+        std::vector<size_t> starts;
+        const size_t lowest = c + 1 >= label.size() ? c + 1 - label.size() : 0;
+        const size_t centred = std::min(c >= label.size() / 2 ? c - label.size() / 2 : 0, width - label.size());
+        for (size_t shift = 0; shift < label.size(); ++shift) {
+            for (const size_t start : {centred - std::min(centred, shift), centred + shift})
+                if (start >= lowest && start <= c && start + label.size() <= width &&
+                    std::find(starts.begin(), starts.end(), start) == starts.end())
+                    starts.push_back(start);
+        }
+        bool placed = false;
+        for (int r = top_row[c] - 1; r >= 0 && !placed; --r) {
             auto &row = grid[static_cast<size_t>(r)];
-            bool free = true;
-            // One blank on each side keeps neighbouring labels apart.
-            for (size_t k = start == 0 ? 0 : start - 1; k < std::min(width, start + label.size() + 1); ++k)
-                free = free && row[k] == " ";
-            if (!free) continue;
-            for (size_t k = 0; k < label.size(); ++k) row[start + k] = std::string(1, label[k]);
-            break;
+            for (const size_t start : starts) {
+                bool free = true;
+                // One blank on each side keeps neighbouring labels apart.
+                for (size_t k = start == 0 ? 0 : start - 1; k < std::min(width, start + label.size() + 1); ++k)
+                    free = free && row[k] == " ";
+                if (!free) continue;
+                for (size_t k = 0; k < label.size(); ++k) row[start + k] = std::string(1, label[k]);
+                placed = true;
+                break;
+            }
         }
     }
 

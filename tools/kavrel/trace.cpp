@@ -155,7 +155,7 @@ void Tracer::dump(const uint8_t *bytes, size_t count) {
     const size_t shown = whole_dumps_ || count <= kCutDumpBytes ? count : kCutDumpBytes;
     {
         StdoutTo redirect(out_);
-        std::fputs("      ", stdout);
+        std::fputs("       ", stdout);
         kavrel_direct_dump_hex(bytes, static_cast<int32_t>(shown));
     }
     if (shown < count) std::fprintf(out_, "       ... %zu more bytes (--verbose shows all)\n", count - shown);
