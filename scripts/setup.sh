@@ -1,13 +1,18 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when missing.
+# Installs the Debian packages the build and the tests need, when missing;
+# with --build-only, just what building the library and kavrel needs.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ clang pkg-config binutils
+# CLI11 and nlohmann-json: the kavrel command line's arguments and JSON.
+build_packages=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev)
+packages=("${build_packages[@]}" clang binutils python3
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
           # The Windows stage: the 64-bit mingw-w64 C and C++ cross compilers
           # with posix threads (std::mutex needs them), and wine to run the
           # tests.
           g++-mingw-w64-x86-64-posix wine64 wine)
+
+[ "${1:-}" = "--build-only" ] && packages=("${build_packages[@]}")
 
 missing=()
 for p in "${packages[@]}"; do

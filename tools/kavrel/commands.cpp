@@ -74,6 +74,8 @@ std::vector<Probe> probe_bridges(Session &session) {
             // when opened; only an answer to a CM2 request tells them apart.
             probe.answers = probe.info.protocol == KAVREL_DIRECT_PROTOCOL_NIR || probe.info.model[0] != '\0' ||
                             probe.info.hardware_version[0] != '\0';
+            // Closing frees this slot only; the others keep their numbers.
+            kavrel_direct_close_device();
         }
         kavrel_direct_close_all_devices();
     }

@@ -11,7 +11,9 @@ Progress::Progress(bool enabled, size_t total, double expected_ms, bool utf8)
       total_(total),
       expected_ms_(expected_ms),
       utf8_(utf8) {
-    if (shown_) ticker_ = std::thread([this] { run(); });
+    if (!shown_) return;
+    draw();
+    ticker_ = std::thread([this] { run(); });
 }
 
 Progress::~Progress() {
@@ -39,15 +41,15 @@ void Progress::end_item() {
         if (in_item_) done_ms_ += std::chrono::duration<double, std::milli>(Clock::now() - item_start_).count();
         in_item_ = false;
         ++done_;
+        if (shown_) draw();
     }
-    wake_.notify_all();
 }
 
 void Progress::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stop_) {
-        draw();
         wake_.wait_for(lock, std::chrono::milliseconds(100));
+        if (!stop_) draw();
     }
 }
 

@@ -165,12 +165,18 @@ void Tracer::print_frame(const char *direction, const std::string &name, const u
                          double at_ms) {
     const bool request = direction[0] == '-';
     if (is_cm2(bytes, count)) {
-        std::fprintf(out_, "[%10.3f ms] %s: %s CM2 %s, %zu bytes\n", at_ms, name.c_str(), direction,
-                     request ? "request" : "reply", count);
-        dump(bytes, count);
         // The parsed record is about 24 KiB: not for the stack of a callback.
         auto packet = std::make_unique<cm2_packet>();
-        if (kavrel_direct_parse_response(bytes, static_cast<int32_t>(count), packet.get()) == 0) {
+        const bool parsed = kavrel_direct_parse_response(bytes, static_cast<int32_t>(count), packet.get()) == 0;
+        std::fprintf(out_, "[%10.3f ms] %s: %s CM2 %s, %zu bytes", at_ms, name.c_str(), direction,
+                     request ? "request" : "reply", count);
+        if (parsed)
+            std::fprintf(out_, ": %s, register %02X address %06lX%s%s", kavrel_direct_srv_name(packet->srv),
+                         packet->pio_reg, static_cast<unsigned long>(packet->pio_addr), request ? "" : ", ",
+                         request ? "" : kavrel_direct_ans_reply_name(packet->ans_reply));
+        std::fputc('\n', out_);
+        dump(bytes, count);
+        if (parsed) {
             StdoutTo redirect(out_);
             kavrel_direct_print_parsed(packet.get());
         } else {
