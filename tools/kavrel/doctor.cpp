@@ -60,8 +60,13 @@ void check_provider(Session &session, Report &report) {
     }
     const char *name = platform::hardware_provider().name;
     if (name != nullptr && std::strcmp(name, platform::null_provider().name) == 0) {
+#ifdef _WIN32
+        std::string remedy = "install the vendor's D2XX driver package, which puts FTD2XX.dll in the system "
+                             "folder, or put FTD2XX.dll next to kavrel.exe";
+#else
         std::string remedy = "install the vendor's D2XX driver, libftd2xx.so, where the dynamic loader finds "
                              "it (/usr/local/lib, then sudo ldconfig)";
+#endif
         if (chain.find("libftdi1") != std::string::npos) remedy += ", or libftdi1 (sudo apt-get install libftdi1-2)";
         report.problem("no bridge driver could be loaded: listing finds nothing", remedy);
     } else {

@@ -42,11 +42,14 @@ private:
 [[noreturn]] void fail(int status, const std::string &message);
 
 // printf into a std::string.
-std::string format(const char *fmt, ...)
-#if defined(__GNUC__)
-    __attribute__((format(printf, 1, 2)))
+#if defined(__MINGW_PRINTF_FORMAT)
+#define KAVREL_PRINTF_LIKE __attribute__((format(__MINGW_PRINTF_FORMAT, 1, 2)))
+#elif defined(__GNUC__)
+#define KAVREL_PRINTF_LIKE __attribute__((format(printf, 1, 2)))
+#else
+#define KAVREL_PRINTF_LIKE
 #endif
-    ;
+std::string format(const char *fmt, ...) KAVREL_PRINTF_LIKE;
 
 // The short name of a result code: "timeout", "io", ...
 const char *result_name(int32_t result);
