@@ -193,6 +193,10 @@ int main(int argc, char **argv) {
     // Set last, so that the subcommands' help does not repeat it.
     app.footer(kFooter);
 
+    if (argc == 1) {
+        std::fputs(app.help().c_str(), stderr);
+        return kExitUsage;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
