@@ -45,6 +45,9 @@ private:
 // The provider chain's own account, one indented line per provider.
 void check_provider(Session &session, Report &report) {
     report.section("Bridge provider");
+    if (session.simulated()) {
+        report.ok("in force: the simulated instruments (--sim); without --sim, the hardware chain:");
+    }
     const std::string chain = platform::hardware_provider_report();
     size_t start = 0;
     while (start < chain.size()) {
@@ -54,10 +57,7 @@ void check_provider(Session &session, Report &report) {
         if (end == std::string::npos) break;
         start = end + 1;
     }
-    if (session.simulated()) {
-        report.ok("in force: the simulated instruments (--sim)");
-        return;
-    }
+    if (session.simulated()) return;
     const char *name = platform::hardware_provider().name;
     if (name != nullptr && std::strcmp(name, platform::null_provider().name) == 0) {
 #ifdef _WIN32
