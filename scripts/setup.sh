@@ -3,7 +3,8 @@
 # with --build-only, just what building the library and kavrel needs.
 set -euo pipefail
 
-# CLI11 and nlohmann-json: the kavrel command line's arguments and JSON.
+# CLI11 parses the options of kavrel and of the simulated instruments' stream
+# server; nlohmann-json writes kavrel's JSON.
 build_packages=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev)
 packages=("${build_packages[@]}" clang binutils python3
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
