@@ -58,6 +58,7 @@ class Listing(unittest.TestCase):
     def test_scan_lists_both_instruments_in_every_format(self):
         text = ok("scan")
         self.assertRegex(text, r"\[0\] .* \(SN: KSIM0001\)\n\[1\] .* \(SN: KSIM0002\)\n")
+        self.assertEqual([r["chip_serial"] for r in csv_rows(ok("scan", "--format", "csv"))], ["KSIM0001", "KSIM0002"])
         rows = json.loads(ok("scan", "--probe", "--format", "json"))
         self.assertEqual([(r["index"], r["chip_serial"], r["protocol"]) for r in rows],
                          [(0, "KSIM0001", "UVVIS_CM2"), (1, "KSIM0002", "NIR_LEGACY")])
@@ -77,7 +78,7 @@ class Settings(unittest.TestCase):
         ("CM2", "integration_time", ["2500us"], "2500"),
         ("CM2", "average_number", ["7"], "7"),
         ("CM2", "xenon_pulse", ["12", "0x22"], "12 34"),
-        ("CM2", "serial_number", ["KV-123"], "KV-123"),
+        ("CM2", "serial_number", ["KV-123456789"], "KV-123456789"),  # the longest
         ("CM2", "stored_integration_time", ["1.5s"], "1500000"),
         ("NIR", "integration_time", ["20ms"], "20000"),
         ("NIR", "average_number", ["3"], "3"),
@@ -130,17 +131,19 @@ class Acquisition(unittest.TestCase):
         self.assertTrue(all(len(s) == len(data["wavelength_nm"]) == 2048 for s in data["spectra"]))
 
     def test_dark_is_subtracted_only_with_the_same_settings(self):
-        with tempfile.TemporaryDirectory() as tmp:
-            dark = os.path.join(tmp, "dark.csv")
-            ok("acquire", "--integration", "20ms", "-o", dark)
-            raw = csv_rows(pathlib.Path(dark).read_text())
-            same = csv_rows(ok("acquire", "--integration", "20ms", "--dark", dark))
-            # The simulated instrument is seeded: a second spectrum is the same.
-            self.assertEqual({int(r["counts"]) for r in same}, {0})
-            self.assertEqual(len(same), len(raw))
-            r = run("acquire", "--integration", "10ms", "--dark", dark)
-            self.assertEqual(r.returncode, 4)
-            self.assertIn(b"20000 us, this acquisition uses 10000 us", r.stderr)
+        for kind in ("csv", "json"):
+            with self.subTest(kind), tempfile.TemporaryDirectory() as tmp:
+                dark = os.path.join(tmp, "dark." + kind)
+                ok("acquire", "--integration", "20ms", "--format", kind, "-o", dark)
+                same = csv_rows(ok("acquire", "--integration", "20ms", "--dark", dark))
+                # The simulated instrument is seeded: a second spectrum is the same.
+                self.assertEqual([int(r["counts"]) for r in same], [0] * 2048)
+                for args, reason in ((["--integration", "10ms"], "20000 us, this acquisition uses 10000 us"),
+                                     (["--integration", "20ms", "--average", "2"], "averaging 1 spectra"),
+                                     (["--integration", "20ms", "--selected"], "covers 2048 points from index 0")):
+                    r = run("select", "400", "700", "acquire", "--dark", dark, *args)
+                    self.assertEqual(r.returncode, 4, r.stderr)
+                    self.assertIn(reason, r.stderr.decode())
 
     def test_plot_labels_the_brightest_peaks_in_ascii_or_utf8(self):
         with tempfile.TemporaryDirectory() as tmp:
@@ -150,14 +153,19 @@ class Acquisition(unittest.TestCase):
                                   capture_output=True, timeout=60).stdout.decode("ascii")
             counts = [int(r["counts"]) for r in csv_rows(pathlib.Path(path).read_text())]
             wavelengths = [float(r["wavelength_nm"]) for r in csv_rows(pathlib.Path(path).read_text())]
-        self.assertRegex(plot, r"\n%d \+" % max(counts))  # the top of the counts axis
-        peaks = re.findall(r"([\d.]+) nm \((\d+)\)", plot.splitlines()[-1])
+        lines = plot.splitlines()
+        axis = next(i for i, line in enumerate(lines) if line.strip().startswith("++"))
+        drawing = "\n".join(lines[:axis])
+        self.assertIn("KSIM0001", drawing.strip().splitlines()[0])  # the title
+        self.assertRegex(drawing, r"\n%d \+" % max(counts))  # the top of the counts axis
+        self.assertRegex(lines[axis + 1], r"^ +%.1f .* %.1f nm$" % (wavelengths[0], wavelengths[-1]))
+        peaks = re.findall(r"([\d.]+) nm \((\d+)\)", lines[-1])
         self.assertEqual(len(peaks), 5)
         for nm, height in peaks:
             i = min(range(len(wavelengths)), key=lambda k: abs(wavelengths[k] - float(nm)))
             self.assertEqual(counts[i], int(height))
             self.assertEqual(counts[i], max(counts[max(0, i - 3):i + 4]))
-            self.assertIn(" %s " % nm, plot)  # labelled in the drawing too
+            self.assertRegex(drawing, r"(?m)(^|[ |])%s( |$)" % re.escape(nm))  # labelled in the drawing too
         env["LC_ALL"] = "C.UTF-8"
         utf8 = subprocess.run([KAVREL] + SIM + ["acquire", "--plot", "-o", os.devnull], env=env,
                               capture_output=True, timeout=60).stdout.decode()
@@ -171,7 +179,10 @@ class Acquisition(unittest.TestCase):
         shown = os.read(master, 65536).decode()
         os.close(master)
         self.assertEqual(r.returncode, 0)
-        self.assertRegex(shown, r"\d+/3 +\d+:\d\d left")
+        self.assertRegex(shown, r"\d/3 +\d+:\d\d left")
+        drawn = [int(n) for n in re.findall(r"(\d)/3", shown)]
+        self.assertEqual((drawn[0], drawn[-1]), (0, 3))
+        self.assertEqual(drawn, sorted(drawn))
         self.assertNotIn(b"left", run("acquire", "-n", "3").stderr)
 
 
@@ -192,6 +203,8 @@ class Failures(unittest.TestCase):
         (["acquire", "--selected"], 11, "generic: no wavelength range is selected"),
         (["acquire", "--integration", "20"], 2, "--integration: expected a duration such as 10ms"),
         (["set", "xenon_pulse", "1"], 2, "xenon_pulse takes 2 values"),
+        (["set", "serial_number", "KV-1234567890"], 2, "serial_number: at most 12 characters"),
+        (["parse", "AA", "AB"], 11, "generic: not a CM2 packet: 2 bytes, a packet has at least 24"),
     ]
 
     def test_each_failure_has_its_status_and_says_why(self):
@@ -230,6 +243,11 @@ class Trace(unittest.TestCase):
         self.assertIn(cm2_query(0xC1, 0x000000, 1), self.dumped(err, "-> CM2 request"))
         self.assertIn("PIO:  C1 000000             (Reg=C1h, Addr=000000h)", err)
         self.assertIn("Reply=ACh=Normal ACK", err)
+        # Replies arrive in pieces; each is shown whole, CRC and all.
+        replies = self.dumped(err, "<- CM2 reply")
+        self.assertIn((10000).to_bytes(4, "big"), [r[28:32] for r in replies if len(r) == 36])
+        for reply in replies:
+            self.assertEqual(zlib.crc32(reply[8:-4]), int.from_bytes(reply[-4:], "big"))
 
     def test_nir_trace_shows_frames_with_their_crc(self):
         err = run("-d", "KSIM0002", "--trace", "get", "integration_time").stderr.decode()
@@ -248,6 +266,9 @@ class FlashAndCodec(unittest.TestCase):
                 ok("-d", DEVICES[protocol], "set", "flash_write_protect", "open", "flash", "write", "9", source,
                    "flash", "read", "9", "--length", "100", "-o", back)
                 self.assertEqual(pathlib.Path(back).read_bytes(), data)
+        shown = ok("set", "flash_write_protect", "open", "flash", "write", "9", "-", "flash", "read", "9",
+                   "--length", "100", "--hex", stdin=data)
+        self.assertEqual(bytes.fromhex(" ".join(shown.splitlines()[1:])), data)
 
     def test_crc_matches_ieee_crc32(self):
         data = bytes(random.Random(3).randrange(256) for _ in range(1000))

@@ -425,12 +425,12 @@ int run_parse(const std::vector<std::string> &hex) {
     if (bytes.size() > KAVREL_DIRECT_CM2_MAX_PACKET)
         fail(exit_status_of(KAVREL_DIRECT_ERR_GENERIC), "generic: a CM2 packet holds at most 16384 bytes");
 
-    std::printf("[PACKET] (%zu bytes):\n       ", bytes.size());
-    kavrel_direct_dump_hex(bytes.data(), static_cast<int32_t>(bytes.size()));
     auto packet = std::make_unique<cm2_packet>();
     const int32_t rc = kavrel_direct_parse_response(bytes.data(), static_cast<int32_t>(bytes.size()), packet.get());
-    if (rc != 0 && !packet->preamble_ok && bytes.size() < 24)
+    if (rc != 0 && bytes.size() < 24)
         fail(exit_status_of(rc), format("generic: not a CM2 packet: %zu bytes, a packet has at least 24", bytes.size()));
+    std::printf("[PACKET] (%zu bytes):\n       ", bytes.size());
+    kavrel_direct_dump_hex(bytes.data(), static_cast<int32_t>(bytes.size()));
     std::printf("[PARSED]:\n");
     kavrel_direct_print_parsed(packet.get());
     std::fflush(stdout);
