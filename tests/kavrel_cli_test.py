@@ -204,6 +204,7 @@ class Failures(unittest.TestCase):
         (["acquire", "--integration", "20"], 2, "--integration: expected a duration such as 10ms"),
         (["set", "xenon_pulse", "1"], 2, "xenon_pulse takes 2 values"),
         (["set", "serial_number", "KV-1234567890"], 2, "serial_number: at most 12 characters"),
+        (["flash", "read", "9", "--length", "1025"], 2, "--length: from 1 to 1024 bytes"),
         (["parse", "AA", "AB"], 11, "generic: not a CM2 packet: 2 bytes, a packet has at least 24"),
     ]
 
