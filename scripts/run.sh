@@ -4,13 +4,21 @@
 #
 #   ./scripts/run.sh --sim acquire --plot -o spectrum.csv
 #
-# The build's own output goes to stderr, so stdout carries only kavrel's data.
+# stdout carries only kavrel's output; the build's log is shown only when the
+# build fails.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 bash "$root/scripts/setup.sh" --build-only >&2
 build="$root/build/run"
+program="$build/tools/kavrel/kavrel"
+[ -x "$program" ] || echo "run.sh: building kavrel into build/run (a minute or two the first time)" >&2
 # Warnings stay warnings here: the test suite is where they are errors.
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKAVREL_BUILD_TESTS=OFF \
-      -DKAVREL_WARNINGS_AS_ERRORS=OFF >/dev/null
-cmake --build "$build" --target kavrel -- --quiet 2>&1 | { grep -v '^ninja: no work to do' || true; } >&2
-exec "$build/tools/kavrel/kavrel" "$@"
+log="$build/build.log"
+mkdir -p "$build"
+if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKAVREL_BUILD_TESTS=OFF \
+         -DKAVREL_WARNINGS_AS_ERRORS=OFF && cmake --build "$build" --target kavrel; } >"$log" 2>&1; then
+  cat "$log" >&2
+  echo "run.sh: the build failed; its log is $log" >&2
+  exit 1
+fi
+exec "$program" "$@"
