@@ -4,14 +4,18 @@
 set -euo pipefail
 
 # CLI11 parses the options of kavrel and of the simulated instruments' stream
-# server; nlohmann-json writes kavrel's JSON.
-build_packages=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev)
+# server; nlohmann-json writes kavrel's JSON. The libftdi1 provider needs only
+# the headers of libftdi1 and libusb: the libraries load at run time.
+build_packages=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev
+                libftdi1-dev libusb-1.0-0-dev)
 packages=("${build_packages[@]}" clang binutils python3
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
           # The Windows stage: the 64-bit mingw-w64 C and C++ cross compilers
           # with posix threads (std::mutex needs them), and wine to run the
           # tests.
-          g++-mingw-w64-x86-64-posix wine64 wine)
+          g++-mingw-w64-x86-64-posix wine64 wine
+          # The Python package and its tests (Debian's /usr/bin/python3).
+          python3-numpy python3-matplotlib python3-pytest)
 
 [ "${1:-}" = "--build-only" ] && packages=("${build_packages[@]}")
 

@@ -121,12 +121,13 @@ size_t check_usb_bus(const Session &session, Report &report) {
             report.problem(exists ? format("%s: this user may not open it (mode %03o, owner uid %u)", node.c_str(),
                                            static_cast<unsigned>(st.st_mode & 0777), static_cast<unsigned>(st.st_uid))
                                   : node + ": no device node",
-                           rules.empty() ? "add a udev rule: echo 'SUBSYSTEM==\"usb\", ATTRS{idVendor}==\"0403\", "
-                                           "MODE=\"0666\"' | sudo tee /etc/udev/rules.d/99-ftdi.rules; "
-                                           "sudo udevadm control --reload; sudo udevadm trigger"
+                           rules.empty() ? "install the project's udev rule: sudo cp packaging/udev/60-kavrel-ftdi.rules "
+                                           "/etc/udev/rules.d/ && sudo udevadm control --reload && "
+                                           "sudo udevadm trigger"
                                          : "a udev rule for 0403 exists (" + rules.front() +
-                                               ") but does not grant this user access: check its MODE or GROUP "
-                                               "and your groups, then replug");
+                                               ") but does not grant this user access: check its MODE and GROUP; "
+                                               "for GROUP=\"plugdev\": sudo usermod -aG plugdev $USER, log in "
+                                               "again and replug");
         }
         // Each interface of the chip: is the kernel's serial driver holding it?
         for (const auto &sub : fs::directory_iterator(dev, ec)) {
