@@ -2,7 +2,10 @@
 # Builds the kavrel command line, installing what the build needs on a fresh
 # Debian machine, and runs it with the arguments given:
 #
-#   ./scripts/run.sh --sim acquire --plot -o spectrum.csv
+#   ./scripts/run.sh info acquire --plot -o spectrum.csv
+#
+# When no instrument is attached (kavrel scan finds no bridge), it runs on
+# the simulated instruments instead and says so; --sim chooses them always.
 #
 # stdout carries only kavrel's output; the build's log is shown only when the
 # build fails.
@@ -20,5 +23,9 @@ if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKAVREL
   cat "$log" >&2
   echo "run.sh: the build failed; its log is $log" >&2
   exit 1
+fi
+if [[ " $* " != *" --sim "* ]] && ! "$program" --quiet scan >/dev/null 2>&1; then
+  echo "run.sh: no instrument attached: using the simulated instruments (kavrel --sim)" >&2
+  set -- --sim "$@"
 fi
 exec "$program" "$@"
