@@ -15,11 +15,11 @@
 
 #include "kavrel_direct.h"
 #include "kavrel_sim.h"
-#include "optics.h"
+#include "sim/optics.h"
 #include "platform/platform.h"
 #include "transport/device_table.h"
-#include "usb_line.h"
-#include "world.h"
+#include "sim/usb_line.h"
+#include "sim/world.h"
 
 namespace kavrel::bench {
 namespace {
