@@ -1,0 +1,310 @@
+// Every allocation the library makes, made to fail in turn, in every device
+// operation and both protocols: the call returns -5, writes nothing, keeps
+// the slot's caches, leaks nothing, and the device answers the same call
+// correctly afterwards.
+//
+// A program of its own, since it replaces the global allocation functions:
+// they count (and fail) only what the library allocates during an operation,
+// not what the test or the fake instrument behind the provider allocate.
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "support/device_fixture.h"
+#include "support/spectral_model.h"
+
+namespace {
+
+thread_local int t_counting = 0;  // > 0 while the library runs for the test
+int g_counted = 0;                // allocations counted since the last reset
+int g_fail_at = 0;                // the counted allocation that fails; 0: none
+// The counted allocations not yet freed.
+void *g_live[64];
+int g_live_count = 0;
+
+void *allocate(size_t bytes) {
+    const bool counted = t_counting > 0;
+    if (counted && ++g_counted == g_fail_at) return nullptr;
+    void *memory = std::malloc(bytes > 0 ? bytes : 1);
+    if (counted && memory != nullptr && g_live_count < 64) g_live[g_live_count++] = memory;
+    return memory;
+}
+
+void release(void *memory) {
+    for (int i = 0; i < g_live_count; ++i)
+        if (g_live[i] == memory) g_live[i] = g_live[--g_live_count];
+    std::free(memory);
+}
+
+}  // namespace
+
+void *operator new(size_t bytes) {
+    if (void *memory = allocate(bytes)) return memory;
+    throw std::bad_alloc();
+}
+void *operator new[](size_t bytes) {
+    return operator new(bytes);
+}
+void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
+    return allocate(bytes);
+}
+void *operator new[](size_t bytes, const std::nothrow_t &) noexcept {
+    return allocate(bytes);
+}
+void operator delete(void *memory) noexcept {
+    release(memory);
+}
+void operator delete[](void *memory) noexcept {
+    release(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+    release(memory);
+}
+void operator delete[](void *memory, size_t) noexcept {
+    release(memory);
+}
+
+namespace kavrel::test {
+namespace {
+
+struct Counting {
+    Counting() { ++t_counting; }
+    ~Counting() { --t_counting; }
+};
+struct Paused {
+    Paused() { --t_counting; }
+    ~Paused() { ++t_counting; }
+};
+
+// Stands in front of the fake bridge and stops the count for every call
+// into it: the fake instrument's allocations are not the library's.
+struct Uncounted : platform::Forwarder {
+    using Forwarder::Forwarder;
+    platform::Status create_device_info_list(uint32_t *n) {
+        Paused p;
+        return Forwarder::create_device_info_list(n);
+    }
+    platform::Status get_device_info_list(platform::BridgeEntry *e, uint32_t *n) {
+        Paused p;
+        return Forwarder::get_device_info_list(e, n);
+    }
+    platform::Status open(int i, platform::Handle *h) {
+        Paused p;
+        return Forwarder::open(i, h);
+    }
+    platform::Status close(platform::Handle h) {
+        Paused p;
+        return Forwarder::close(h);
+    }
+    platform::Status set_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
+        Paused p;
+        return Forwarder::set_timeouts(h, r, w);
+    }
+    platform::Status set_latency_timer(platform::Handle h, uint8_t ms) {
+        Paused p;
+        return Forwarder::set_latency_timer(h, ms);
+    }
+    platform::Status set_usb_parameters(platform::Handle h, uint32_t i, uint32_t o) {
+        Paused p;
+        return Forwarder::set_usb_parameters(h, i, o);
+    }
+    platform::Status reset_device(platform::Handle h) {
+        Paused p;
+        return Forwarder::reset_device(h);
+    }
+    platform::Status purge(platform::Handle h, uint32_t m) {
+        Paused p;
+        return Forwarder::purge(h, m);
+    }
+    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
+        Paused p;
+        return Forwarder::write(h, b, n, w);
+    }
+    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
+        Paused p;
+        return Forwarder::read(h, b, n, r);
+    }
+    void sleep_ms(uint32_t ms) {
+        Paused p;
+        Forwarder::sleep_ms(ms);
+    }
+};
+
+// Every output any operation writes, filled with a pattern beforehand.
+struct Outputs {
+    uint32_t u32[2];
+    uint8_t u8[3];
+    uint16_t u16;
+    uint64_t u64;
+    float degrees;
+    char text[40];
+    kavrel_direct_device_info info;
+    kavrel_direct_wavelength_selection selection;
+    double coefficients[4];
+    double wavelengths[8];
+    double low, high;
+    uint16_t samples[8];
+    uint8_t page[16];
+};
+
+Outputs untouched() {
+    Outputs o;
+    std::memset(&o, 0xA5, sizeof o);
+    return o;
+}
+
+bool operator==(const Outputs &a, const Outputs &b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+const uint8_t kPage[4] = {1, 2, 3, 4};
+
+struct Operation {
+    const char *name;
+    int32_t (*call)(Outputs &o);
+};
+
+const Operation kOperations[] = {
+    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }},
+    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }},
+    {"set integration time", [](Outputs &) { return kavrel_direct_set_integration_time(20000); }},
+    {"integration time", [](Outputs &o) { return kavrel_direct_get_integration_time(o.u32); }},
+    {"set average number", [](Outputs &) { return kavrel_direct_set_average_number(3); }},
+    {"average number", [](Outputs &o) { return kavrel_direct_get_average_number(o.u8); }},
+    {"set level output", [](Outputs &) { return kavrel_direct_set_level_output(1); }},
+    {"level output", [](Outputs &o) { return kavrel_direct_get_level_output(o.u8); }},
+    {"set xenon pulse", [](Outputs &) { return kavrel_direct_set_xenon_pulse(1, 2); }},
+    {"xenon pulse", [](Outputs &o) { return kavrel_direct_get_xenon_pulse(o.u32, o.u32 + 1); }},
+    {"set xenon mode", [](Outputs &) { return kavrel_direct_set_xenon_mode(1); }},
+    {"xenon mode", [](Outputs &o) { return kavrel_direct_get_xenon_mode(o.u8); }},
+    {"set trigger", [](Outputs &) { return kavrel_direct_set_external_trigger_config(1, 2, 3); }},
+    {"trigger", [](Outputs &o) { return kavrel_direct_get_external_trigger_config(o.u8, o.u8 + 1, o.u8 + 2); }},
+    {"set dac", [](Outputs &) { return kavrel_direct_set_dac_voltage(0x123); }},
+    {"dac", [](Outputs &o) { return kavrel_direct_get_dac_voltage(&o.u16); }},
+    {"capture status", [](Outputs &o) { return kavrel_direct_get_spectrum_capture_status(&o.u64); }},
+    {"temperature", [](Outputs &o) { return kavrel_direct_get_temperature(&o.degrees); }},
+    {"hardware version", [](Outputs &o) { return kavrel_direct_get_hardware_version(o.text, 40); }},
+    {"detector serial", [](Outputs &o) { return kavrel_direct_get_detector_serial_number(o.text, 40); }},
+    {"model", [](Outputs &o) { return kavrel_direct_get_device_model(o.text, 40); }},
+    {"set baud rate", [](Outputs &) { return kavrel_direct_set_usb_baud_rate(9600); }},
+    {"baud rate", [](Outputs &o) { return kavrel_direct_get_usb_baud_rate(&o.u16); }},
+    {"usb status", [](Outputs &o) { return kavrel_direct_get_usb_status(o.u32); }},
+    {"set serial", [](Outputs &) { return kavrel_direct_set_serial_number("SN0001"); }},
+    {"serial", [](Outputs &o) { return kavrel_direct_get_serial_number(o.text, 40); }},
+    {"device info", [](Outputs &o) { return kavrel_direct_get_device_info(&o.info); }},
+    {"set stored integration time", [](Outputs &) { return kavrel_direct_set_stored_integration_time(5); }},
+    {"stored integration time", [](Outputs &o) { return kavrel_direct_get_stored_integration_time(o.u32); }},
+    {"set stored average number", [](Outputs &) { return kavrel_direct_set_stored_average_number(2); }},
+    {"stored average number", [](Outputs &o) { return kavrel_direct_get_stored_average_number(o.u8); }},
+    {"set stored smoothing", [](Outputs &) { return kavrel_direct_set_stored_smoothing_width(2); }},
+    {"stored smoothing", [](Outputs &o) { return kavrel_direct_get_stored_smoothing_width(o.u8); }},
+    {"slit width", [](Outputs &o) { return kavrel_direct_get_slit_width(o.u8); }},
+    {"open write protect", [](Outputs &) { return kavrel_direct_set_flash_write_protect(); }},
+    {"write protect", [](Outputs &o) { return kavrel_direct_get_flash_write_protect(o.u32); }},
+    {"coefficients", [](Outputs &o) { return kavrel_direct_get_calibration_coefficients(o.coefficients); }},
+    {"count", [](Outputs &o) { return kavrel_direct_get_wavelength_count(&o.u16); }},
+    {"whole table", [](Outputs &o) { return kavrel_direct_get_full_wavelength_data(o.wavelengths, 8); }},
+    {"end values", [](Outputs &o) { return kavrel_direct_get_full_wavelength_range(&o.low, &o.high); }},
+    {"set selection", [](Outputs &) { return kavrel_direct_set_selected_wavelength_range(405, 435); }},
+    {"selection", [](Outputs &o) { return kavrel_direct_get_selected_wavelength_range(&o.selection); }},
+    {"selected wavelengths",
+     [](Outputs &o) { return kavrel_direct_get_selected_wavelength_data(o.wavelengths, 8); }},
+    {"whole spectrum", [](Outputs &o) { return kavrel_direct_get_full_spectrum_data(o.samples, 8); }},
+    {"selected spectrum", [](Outputs &o) { return kavrel_direct_get_selected_spectrum_data(o.samples, 8); }},
+    {"flash write", [](Outputs &) { return kavrel_direct_flash_write(3, kPage, 4); }},
+    {"flash read", [](Outputs &o) { return kavrel_direct_flash_read(3, o.page, 16); }},
+    {"external spectrum", [](Outputs &o) { return kavrel_direct_external_spectrum_control(1, o.samples, 8); }},
+    {"reset", [](Outputs &) { return kavrel_direct_reset_device(); }},
+};
+
+// An instrument that answers every request: the spectral model for tables,
+// spectra and pages, and for every other query the words asked for, each
+// with 0xAA in byte 1 (the handshake's done mark).
+struct AnyInstrument {
+    SpectralModel model;
+    std::vector<Chunk> answer(const Bytes &written, bool nir) const {
+        if (nir) {
+            const bool spectral = written[0] == 0x53 || (written[0] == 0x3F && (written[1] == 0x53 || written[1] == 0xAF));
+            return spectral ? model.answer_nir(written) : at_once(nir_reply(Bytes(40, 0xAA)));
+        }
+        const uint8_t reg = written[21];
+        const uint32_t address = static_cast<uint32_t>(written[22]) << 16 | load_be16(&written[23]);
+        if (written[13] != 0x0D || reg == 0xC5 || reg == 0xC6 || reg == 0xC7 || (reg == 0xC2 && address == 0x0B))
+            return model.answer_cm2(written);
+        return at_once(cm2_reply(reg, address, Bytes(4u * load_be16(&written[15]), 0xAA)));
+    }
+};
+
+class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {
+protected:
+    AnyInstrument instrument;
+    Uncounted uncounted{bridge.platform()};
+    platform::Platform table = platform::provider_table("uncounted", uncounted);
+
+    void SetUp() override {
+        DeviceTest::SetUp();
+        use_provider(&table);
+        instrument.model.table = {400, 410, 420, 430, 440};
+        instrument.model.spectrum = {10, 11, 12, 13, 14};
+        const int device = GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001");
+        bridge.instrument(device).responder = [this](const Bytes &written) {
+            return instrument.answer(written, GetParam());
+        };
+    }
+    void TearDown() override {
+        g_fail_at = 0;
+        DeviceTest::TearDown();
+    }
+
+    // The state every call starts from: no point count cached, points 1 to
+    // 3 selected, the library's first-use statics already made.
+    void prepare() {
+        active().wavelength_count = 0;
+        active().selection_valid = 1;
+        active().start_index = 1;
+        active().end_index = 3;
+        active().selected_count = 3;
+    }
+
+    // Runs the operation with the nth allocation failing (0: none).
+    int32_t run(const Operation &op, Outputs &out, int nth) {
+        prepare();
+        out = untouched();
+        g_counted = 0;
+        g_fail_at = nth;
+        Counting counting;
+        return op.call(out);
+    }
+};
+
+TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards) {
+    for (const Operation &op : kOperations) {
+        SCOPED_TRACE(op.name);
+        Outputs expected;
+        const int32_t result = run(op, expected, 0);
+        ASSERT_TRUE(result >= 0 || result == KAVREL_DIRECT_ERR_UNSUPPORTED) << result;
+        const int allocations = g_counted;
+        EXPECT_EQ(g_live_count, 0) << "kept after success";
+
+        for (int nth = 1; nth <= allocations; ++nth) {
+            SCOPED_TRACE(nth);
+            Outputs out;
+            EXPECT_EQ(run(op, out, nth), KAVREL_DIRECT_ERR_INVALID_ARG);
+            EXPECT_EQ(g_counted, nth) << "went on after the failed allocation";
+            EXPECT_EQ(g_live_count, 0) << "leaked";
+            EXPECT_TRUE(out == untouched()) << "output written on failure";
+            EXPECT_EQ(active().selection_valid, 1u);
+            EXPECT_EQ(active().start_index, 1);
+            EXPECT_EQ(active().selected_count, 3);
+
+            EXPECT_EQ(run(op, out, 0), result) << "the device does not answer afterwards";
+            EXPECT_TRUE(out == expected) << "the next answer differs";
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &info) { return info.param ? "Nir" : "Cm2"; });
+
+}  // namespace
+}  // namespace kavrel::test
