@@ -238,7 +238,7 @@ struct AnyInstrument {
 class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {
 protected:
     AnyInstrument instrument;
-    Uncounted uncounted{bridge.platform()};
+    Uncounted uncounted{platform::current()};
     platform::Platform table = platform::provider_table("uncounted", uncounted);
 
     void SetUp() override {
