@@ -2,10 +2,17 @@
 // null output is refused before anything is sent, a bridge that fails or
 // overstates what it read never puts bytes where they do not belong, and
 // the virtual clock stays continuous across a switch to real time.
+#include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
 
 #include "platform/timing_engine.h"
+#include "protocol/cm2_codec.h"
 #include "support/device_fixture.h"
 #include "transport/cm2_exchange.h"
 #include "transport/nir_exchange.h"
@@ -20,6 +27,8 @@ double f64;
 char text[8];
 
 int32_t (*const kNullOutputs[])() = {
+    [] { return kavrel_direct_get_device_protocol(nullptr); },
+    [] { return kavrel_direct_get_capabilities(nullptr); },
     [] { return kavrel_direct_get_integration_time(nullptr); },
     [] { return kavrel_direct_get_average_number(nullptr); },
     [] { return kavrel_direct_get_level_output(nullptr); },
@@ -71,6 +80,13 @@ TEST_P(Contract, NullOutputsAndNoRoomAreRefusedBeforeAnythingIsSent) {
     GetParam() ? open_nir() : open_cm2();
     for (size_t i = 0; i < std::size(kNullOutputs); ++i)
         EXPECT_EQ(kNullOutputs[i](), KAVREL_DIRECT_ERR_INVALID_ARG) << "entry " << i;
+    EXPECT_TRUE(bridge.calls.empty());
+}
+
+TEST_F(DeviceTest, TheDeviceIsCheckedBeforeTheArguments) {
+    bridge.attach("CM2A0001");
+    for (size_t i = 0; i < std::size(kNullOutputs); ++i)
+        EXPECT_EQ(kNullOutputs[i](), KAVREL_DIRECT_ERR_NOT_OPEN) << "entry " << i;
     EXPECT_TRUE(bridge.calls.empty());
 }
 
@@ -166,6 +182,59 @@ TEST_F(DeviceTest, RawPassThroughRefusesNullBuffersAndFailedWrites) {
     bridge.instrument(device).script.push_back(failed_write);
     EXPECT_EQ(kavrel_direct_send_recv(bytes, 1, bytes, &length), KAVREL_DIRECT_ERR_IO);
     EXPECT_EQ(length, 4u);
+}
+
+template <typename Fn>
+std::string printed(Fn &&fn) {
+    ::testing::internal::CaptureStdout();
+    fn();
+    std::fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
+}
+
+TEST(CodecAndTrace, NullPointersAreNeverRead) {
+    auto record = std::make_unique<cm2_packet>();
+    record->raw_len = 7;
+    EXPECT_EQ(kavrel_direct_parse_response(nullptr, 32, record.get()), -1);
+    EXPECT_EQ(record->raw_len, 0);
+    EXPECT_EQ(kavrel_direct_crc32(nullptr, 5), 0u);
+    EXPECT_EQ(printed([] { kavrel_direct_dump_hex(nullptr, 5); }), "\n");
+    EXPECT_EQ(printed([] { kavrel_direct_print_parsed(nullptr); }), "");
+    EXPECT_EQ(printed([] { kavrel_direct_print_cmd_info(nullptr, nullptr, 5, nullptr, 3); }),
+              "\n==========  ==========\n[SEND] (5 bytes):\n       \n[RECV]: No data\n"
+              "==============================\n");
+}
+
+TEST_F(DeviceTest, ExchangesRefuseBadArgumentsBeforeSending) {
+    open_cm2();
+    bind_active();
+    uint8_t bytes[4] = {};
+    int32_t length = -1;
+    EXPECT_EQ(send_and_recv(kRegControl, 0, nullptr, 1, bytes, &length, 1, -1), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(nir_send_command(nullptr, 1, bytes, &length, 4, kNirSetQuietMs), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(nir_read_available(bytes, 4, nullptr, kNirSetQuietMs), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(length, -1);
+    EXPECT_TRUE(bridge.calls.empty());
+}
+
+TEST(TimingEngine, InterruptEndsARealTimeReadThatWouldWaitAnHour) {
+    platform::Clock clock(platform::Clock::Mode::real);
+    platform::Inbox inbox(clock);
+    inbox.deliver({1}, clock.now_ms() + 3600e3);
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        uint8_t byte = 0;
+        EXPECT_EQ(inbox.read(&byte, 1, 3600e3), 0u);
+        done = true;
+    });
+    // Until the reader has begun waiting an interrupt may come too early
+    // for it; the test only fails (by hanging) if the wake-up is lost.
+    while (!done) {
+        inbox.interrupt();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    reader.join();
+    EXPECT_EQ(inbox.in_flight(), 1u);
 }
 
 TEST(VirtualClock, SwitchingToRealTimeAndBackNeverGoesBackwards) {
