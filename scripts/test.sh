@@ -11,6 +11,18 @@ bash scripts/setup.sh
 jobs=$(nproc 2>/dev/null || echo 2)
 passed=0
 failed=0
+suite_started=$SECONDS
+stage_started=$SECONDS
+stage_name=""
+
+# Prints how long the previous stage took, then the new stage's heading.
+stage() {
+  [ -n "$stage_name" ] && echo "== $stage_name took $((SECONDS - stage_started)) s"
+  stage_name=$1
+  stage_started=$SECONDS
+  [ -n "$stage_name" ] && echo "== $stage_name"
+  return 0
+}
 
 configure_and_test() {
   local dir=$1
@@ -29,29 +41,27 @@ configure_and_test() {
   failed=$((failed + stage_failed))
 }
 
-echo "== g++"
+stage "g++"
 configure_and_test build/gcc -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
 
-echo "== Windows: mingw-w64 cross build, tests under wine"
+stage "Windows: mingw-w64 cross build, tests under wine"
 # The Windows build of the codec client must print what the Linux one does.
-started=$SECONDS
 configure_and_test build/windows -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw-w64-x86_64.cmake \
   -DKAVREL_NATIVE_CODEC_CLIENT="$PWD/build/gcc/tests/kavrel_codec_client"
-echo "== Windows stage took $((SECONDS - started)) s"
-
-echo "== clang"
+stage "clang"
 configure_and_test build/clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang
 
-echo "== AddressSanitizer and UndefinedBehaviorSanitizer"
+stage "AddressSanitizer and UndefinedBehaviorSanitizer"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   configure_and_test build/sanitize -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc \
   -DKAVREL_SANITIZE=address,undefined
 
 # The spectral operations allocate and free a buffer on every path, failure
 # paths included; valgrind checks the plain g++ build for leaks there.
-echo "== valgrind: spectral operations"
+stage "valgrind: spectral operations"
 valgrind --quiet --leak-check=full --error-exitcode=1 build/gcc/tests/kavrel_unit_tests \
   --gtest_brief=1 --gtest_filter='Spectral*:Wavelength*:Spectrum*:Flash*:External*'
 
-echo "== all stages"
+stage ""
+echo "== all stages took $((SECONDS - suite_started)) s"
 echo "$passed passed, $failed failed"
