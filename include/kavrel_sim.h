@@ -14,6 +14,15 @@
  * replaces them, so a test sees only the bridges it attached; instruments
  * of the default pair that are open then behave as unplugged.
  *
+ * The instruments keep what a real one keeps: settings until a reset (which
+ * reloads the integration time and average number from the stored values
+ * and closes the flash write protection), stored values, serial number and
+ * flash pages (1024 bytes, erased to 0xFF) for the life of the process.
+ * A flash page write needs the write protection open: the library's CM2
+ * page write opens it itself, on NIR call kavrel_direct_set_flash_write_protect
+ * first. A spectrum answers after integration time x averages plus a readout
+ * of a few milliseconds; an external spectrum is ready after as long.
+ *
  * Plain C with fixed-size records, callable from any language. Every
  * function is thread-safe; a fault may be injected while another thread
  * waits in an acquisition. Results are the kavrel_direct result codes:
@@ -56,9 +65,9 @@ typedef struct kavrel_sim_config {
     uint32_t bridge_speed;     /* enum kavrel_sim_bridge_speed */
     char chip_serial[16];      /* the bridge's serial, unique among attached bridges */
     char description[64];      /* the bridge's description in the list */
-    char model[32];            /* the instrument's model text */
-    char serial_number[32];    /* the instrument's own serial number */
-    char hardware_version[32]; /* e.g. "2.1" */
+    char model[32];            /* CM2: at most 16 characters; NIR: "NIR-T<0-15>-<hex, up to 4 digits>" */
+    char serial_number[32];    /* the instrument's own; CM2: at most 12 characters */
+    char hardware_version[32]; /* CM2: up to four hex bytes, "01.04.00.02"; NIR: text, at most 20 */
     uint32_t point_count;      /* detector points, 1 to 4096 (NIR 1 to 1024) */
     uint32_t reserved;         /* 0 */
     double coefficients[4];    /* wavelength_nm(i) = c0 + c1 i + c2 i^2 + c3 i^3 */
@@ -73,8 +82,10 @@ typedef struct kavrel_sim_config {
 KAVREL_DIRECT_API int32_t kavrel_sim_default_config(uint32_t instrument, kavrel_sim_config *config);
 
 /** Plugs in a bridge. Results: 0; -5 a null or invalid config (texts not
- *  terminated, point count out of range, a chip serial already attached, an
- *  empty chip serial); -6 when 64 bridges are attached already. */
+ *  terminated or longer than the protocol carries, point count out of range,
+ *  a chip serial already attached, an empty chip serial, reserved not 0, a
+ *  coefficient not finite, a temperature outside -128 to 127); -6 when 64
+ *  bridges are attached already. */
 KAVREL_DIRECT_API int32_t kavrel_sim_attach(const kavrel_sim_config *config);
 
 /** Unplugs a bridge: it leaves the list, and an instrument opened on it
@@ -82,7 +93,17 @@ KAVREL_DIRECT_API int32_t kavrel_sim_attach(const kavrel_sim_config *config);
  *  -5 null serial, -2 no such bridge. */
 KAVREL_DIRECT_API int32_t kavrel_sim_detach(const char *chip_serial);
 
-/* Faults an instrument or its bridge can be told to commit. */
+/* Faults an instrument or its bridge can be told to commit.
+ *
+ * An instrument answers one request at a time, in order. A reply delayed
+ * past the library's read limit still comes: the library's purge drops only
+ * bytes that have arrived, so an exchange that starts before the late reply
+ * has arrived reads it as its own answer (the library does not compare the
+ * echoed register). Wait on the simulated clock (kavrel_sim_sleep_ms) until
+ * it has arrived, and the next request is answered cleanly.
+ *
+ * A fault a protocol has no use for (a preamble on NIR, a refusal on CM2)
+ * leaves its requests as they are, but counts them. */
 enum kavrel_sim_fault_kind {
     KAVREL_SIM_FAULT_NO_ANSWER = 1,        /* the request is swallowed */
     KAVREL_SIM_FAULT_DELAY = 2,            /* the reply comes parameter ms late */
@@ -91,8 +112,8 @@ enum kavrel_sim_fault_kind {
     KAVREL_SIM_FAULT_BAD_PREAMBLE = 5,     /* CM2: the reply's preamble is wrong */
     KAVREL_SIM_FAULT_REPLY_CODE = 6,       /* CM2: the reply carries code parameter (0xE0 to 0xE3) */
     KAVREL_SIM_FAULT_TRICKLE = 7,          /* the reply comes a byte at a time, parameter ms apart */
-    KAVREL_SIM_FAULT_HANDSHAKE_FAILED = 8, /* CM2: command blocks end in 0xEE */
-    KAVREL_SIM_FAULT_HANDSHAKE_STUCK = 9,  /* CM2: command blocks never complete */
+    KAVREL_SIM_FAULT_HANDSHAKE_FAILED = 8, /* CM2: command blocks end in 0xEE; counts blocks */
+    KAVREL_SIM_FAULT_HANDSHAKE_STUCK = 9,  /* CM2: command blocks never complete; counts blocks */
     KAVREL_SIM_FAULT_NIR_REFUSE = 10,      /* NIR: the command is refused (no acknowledge) */
     KAVREL_SIM_FAULT_READ_FAILURE = 11,    /* the bridge's read fails */
     KAVREL_SIM_FAULT_WRITE_FAILURE = 12    /* the bridge's write fails */
@@ -100,7 +121,8 @@ enum kavrel_sim_fault_kind {
 
 /** A fault for the next count requests to the instrument (0: from now on,
  *  until kavrel_sim_clear_faults). Bridge faults (read and write failure)
- *  count bridge calls instead of requests. */
+ *  count bridge calls instead of requests, handshake faults command blocks.
+ *  Faults in force together all act on a request. */
 typedef struct kavrel_sim_fault {
     uint32_t kind;      /* enum kavrel_sim_fault_kind */
     uint32_t count;     /* requests (or bridge calls) affected; 0: all from now on */
@@ -120,18 +142,25 @@ KAVREL_DIRECT_API int32_t kavrel_sim_clear_faults(const char *chip_serial);
 KAVREL_DIRECT_API int32_t kavrel_sim_set_virtual_time(int32_t enabled);
 /** The simulated clock in milliseconds (arbitrary origin). */
 KAVREL_DIRECT_API double kavrel_sim_now_ms(void);
+/** Waits milliseconds on the simulated clock; in virtual time the clock
+ *  moves forward at once. How a test lets time pass between calls, for
+ *  example until a late reply has arrived. */
+KAVREL_DIRECT_API void kavrel_sim_sleep_ms(uint32_t milliseconds);
 
 /** What the instruments look at: a mercury-argon calibration lamp over a
  *  halogen continuum, through each detector's response curve. */
 typedef struct kavrel_sim_scene {
     int32_t lamp_lines;     /* nonzero: the emission lines are lit */
     int32_t shutter_closed; /* nonzero: only dark signal reaches the detector */
-    double continuum_level; /* continuum counts per ms of integration at its peak */
-    double line_level;      /* counts per ms of integration of the strongest line */
+    double continuum_level; /* continuum counts per ms of integration at its peak, 0 or more */
+    double line_level;      /* counts per ms of integration at the peak of the strongest line
+                               the instrument sees, 0 or more */
 } kavrel_sim_scene;
 
 /** The scene of one bridge's instrument, or of every attached one when
- *  chip_serial is null. Results: 0, -5 null scene, -2 no such bridge. */
+ *  chip_serial is null; bridges attached later start with the default scene.
+ *  Results: 0, -5 null scene or a level negative or not finite, -2 no such
+ *  bridge. */
 KAVREL_DIRECT_API int32_t kavrel_sim_set_scene(const char *chip_serial, const kavrel_sim_scene *scene);
 /** The default scene. Result: 0, or -5 for a null scene. */
 KAVREL_DIRECT_API int32_t kavrel_sim_default_scene(kavrel_sim_scene *scene);

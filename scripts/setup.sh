@@ -4,6 +4,8 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ clang pkg-config binutils
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
+          # The simulated instruments' stream server parses its options with it.
+          libcli11-dev
           # The Windows stage: the 64-bit mingw-w64 C and C++ cross compilers
           # with posix threads (std::mutex needs them), and wine to run the
           # tests.

@@ -1,0 +1,165 @@
+// The instrument models and the bridge line on their own, as a byte stream
+// feeds them: requests split, joined and after garbage; replies in order and
+// in USB packets.
+#include <cstring>
+
+#include "cm2_instrument.h"
+#include "config.h"
+#include "nir_instrument.h"
+#include "protocol/byte_order.h"
+#include "protocol/cm2_codec.h"
+#include "sim_fixture.h"
+#include "transport/nir_exchange.h"
+#include "usb_line.h"
+
+namespace kavrel::test {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Keeps what an instrument sends, each reply with the time its first byte
+// leaves.
+struct Capture : sim::LineSink {
+    struct Reply {
+        Bytes bytes;
+        double first_ms;
+        double spacing_ms;
+    };
+    std::vector<Reply> replies;
+    double byte_ms() const override { return 0.01; }
+    void emit(Bytes bytes, double first_ms, double spacing_ms) override {
+        replies.push_back({std::move(bytes), first_ms, spacing_ms});
+    }
+};
+
+Bytes query(uint8_t reg, uint32_t address, uint16_t words) {
+    Bytes out(32);
+    kavrel_direct_build_query(reg, address, words, out.data());
+    return out;
+}
+
+Bytes write(uint8_t reg, uint32_t address, const Bytes &data) {
+    Bytes out(static_cast<size_t>(cm2::write_packet_bytes(static_cast<int32_t>(data.size()))));
+    kavrel_direct_build_write(reg, address, data.data(), static_cast<int32_t>(data.size()), out.data());
+    return out;
+}
+
+void send(sim::Instrument &instrument, const Bytes &bytes, double at_ms) {
+    instrument.receive(bytes.data(), bytes.size(), at_ms);
+}
+
+Bytes nir_frame(Bytes command) {
+    const uint16_t crc = nir_crc16(command.data(), command.size());
+    command.push_back(static_cast<uint8_t>(crc >> 8));
+    command.push_back(static_cast<uint8_t>(crc));
+    return command;
+}
+
+// Register, address and reply code of a CM2 reply, which must be well formed.
+std::tuple<uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
+    static cm2_packet p;
+    EXPECT_EQ(kavrel_direct_parse_response(reply.data(), static_cast<int32_t>(reply.size()), &p), 0);
+    EXPECT_EQ(p.crc_ok, 1);
+    return {p.srv, p.pio_reg, p.pio_addr, p.ans_reply};
+}
+
+TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
+    Capture line;
+    sim::Cm2Instrument cm2(sim_config(KAVREL_SIM_CM2, "M"), line);
+    Bytes stream = {0x12, 0xAA, 0xAB, 0xAA, 0xAA};  // garbage, with a false start
+    const Bytes first = query(0xC1, 0x40, 1), second = query(0xC2, 0x0B, 1);
+    stream.insert(stream.end(), first.begin(), first.end());
+    stream.insert(stream.end(), second.begin(), second.end());
+    // Byte by byte, as a slow stream delivers them.
+    for (size_t i = 0; i < stream.size(); ++i) cm2.receive(&stream[i], 1, 10.0);
+    ASSERT_EQ(line.replies.size(), 2u);
+    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0xAC));
+    // One at a time: the second reply leaves after the first has.
+    const Capture::Reply &a = line.replies[0];
+    EXPECT_GE(line.replies[1].first_ms, a.first_ms + a.bytes.size() * a.spacing_ms);
+}
+
+struct Refusal {
+    const char *name;
+    Bytes request;
+    uint8_t code;
+};
+
+void PrintTo(const Refusal &r, std::ostream *os) {
+    *os << r.name;
+}
+
+class Cm2Refusals : public ::testing::TestWithParam<Refusal> {};
+
+TEST_P(Cm2Refusals, AnswerWithTheirReplyCode) {
+    Capture line;
+    sim::Cm2Instrument cm2(sim_config(KAVREL_SIM_CM2, "M"), line);
+    send(cm2, GetParam().request, 0);
+    ASSERT_EQ(line.replies.size(), 1u);
+    EXPECT_EQ(std::get<3>(cm2_reply(line.replies[0].bytes)), GetParam().code);
+}
+
+Bytes corrupted(Bytes packet) {
+    packet[24] ^= 1;
+    return packet;
+}
+
+INSTANTIATE_TEST_SUITE_P(EachCode, Cm2Refusals,
+                         ::testing::Values(Refusal{"CrcWrong", corrupted(query(0xC1, 0x40, 1)), 0xE1},
+                                           Refusal{"UnknownRegister", query(0xC3, 0, 1), 0xE2},
+                                           Refusal{"UnknownAddress", query(0xC1, 0x30, 1), 0xE2},
+                                           Refusal{"RunPastTheMap", query(0xC1, 0x00, 5), 0xE2},
+                                           Refusal{"TableEnds", query(0xC5, 2048, 1), 0xE2},
+                                           Refusal{"ReadOnlyWord", write(0xC1, 0x40, {0, 0, 1, 0}), 0xE2},
+                                           Refusal{"PageBufferWhileProtected", write(0xC7, 0, {1, 2, 3, 4}),
+                                                   0xE3},
+                                           Refusal{"PageWriteWhileProtected",
+                                                   write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE3}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST(NirModel, SkipsGarbageRefusesABadCrcAndForgetsAFrameCutShort) {
+    Capture line;
+    sim::NirInstrument nir(sim_config(KAVREL_SIM_NIR, "N"), line);
+    Bytes stream = {0x00, 0xFF, 0x3F, 0x01};  // unknown bytes, an unknown query
+    const Bytes version = nir_frame({'V'});
+    stream.insert(stream.end(), version.begin(), version.end());
+    for (size_t i = 0; i < stream.size(); ++i) nir.receive(&stream[i], 1, 5.0);
+    Bytes bad = nir_frame({'t'});
+    bad.back() ^= 1;
+    send(nir, bad, 6.0);
+    send(nir, nir_frame({0xAF, 0x00, 0x02, 1, 2, 3, 4, 5, 6, 7}), 7.0);  // the protection is closed
+    send(nir, {0x69, 0x00, 0x01}, 8.0);                                  // cut short, then silence
+    send(nir, nir_frame({0x3F, 0x40}), 200.0);
+
+    ASSERT_EQ(line.replies.size(), 4u);
+    EXPECT_EQ(line.replies[0].bytes,
+              nir_frame({0x06, 'K', 'S', 'I', 'M', ' ', 'N', 'I', 'R', ' ', '2', '.', '3'}));
+    EXPECT_EQ(line.replies[1].bytes, nir_frame({0x15}));
+    EXPECT_EQ(line.replies[2].bytes, nir_frame({0x15}));
+    EXPECT_EQ(line.replies[3].bytes, nir_frame({0x06, 0x00}));
+}
+
+// The bridge sends a full packet as soon as it is full and the rest when
+// its latency timer next expires.
+TEST(UsbLineModel, FullPacketsAtOnceAndTheTailAtTheLatencyTick) {
+    platform::Clock clock(platform::Clock::Mode::virtual_time);
+    platform::Inbox inbox(clock);
+    for (const auto &[speed, payload] :
+         {std::pair{KAVREL_SIM_FULL_SPEED, 62u}, {KAVREL_SIM_HIGH_SPEED, 510u}}) {
+        inbox.clear();
+        sim::UsbLine line(inbox, speed);
+        line.set_latency_ms(16);
+        const double start = std::ceil(clock.now_ms() / 16) * 16 + 1;  // 15 ms before a tick
+        line.emit(Bytes(payload + 10, 0x55), start, line.byte_ms());
+        clock.advance_to(start + (payload - 0.5) * line.byte_ms());
+        EXPECT_EQ(inbox.arrived(), payload) << payload;
+        clock.advance_to(start + 14.9);
+        EXPECT_EQ(inbox.arrived(), payload) << payload;
+        clock.advance_to(start + 15);
+        EXPECT_EQ(inbox.arrived(), payload + 10) << payload;
+    }
+}
+
+}  // namespace
+}  // namespace kavrel::test

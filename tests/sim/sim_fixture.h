@@ -1,0 +1,69 @@
+// End-to-end tests: the exported functions against simulated instruments,
+// on the virtual clock.
+#ifndef KAVREL_TESTS_SIM_FIXTURE_H
+#define KAVREL_TESTS_SIM_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "kavrel_direct.h"
+#include "kavrel_sim.h"
+#include "transport/device_table.h"
+#include "world.h"
+
+namespace kavrel::test {
+
+// The default configuration of a kind, on a bridge with that chip serial.
+inline kavrel_sim_config sim_config(uint32_t kind, const char *chip_serial) {
+    kavrel_sim_config c;
+    kavrel_sim_default_config(kind, &c);
+    std::snprintf(c.chip_serial, sizeof c.chip_serial, "%s", chip_serial);
+    return c;
+}
+
+inline std::vector<uint16_t> spectrum(size_t points) {
+    std::vector<uint16_t> s(points);
+    EXPECT_EQ(kavrel_direct_get_full_spectrum_data(s.data(), static_cast<int32_t>(points)), KAVREL_DIRECT_OK);
+    return s;
+}
+inline std::vector<double> wavelengths(size_t points) {
+    std::vector<double> w(points);
+    EXPECT_EQ(kavrel_direct_get_full_wavelength_data(w.data(), static_cast<int32_t>(points)),
+              KAVREL_DIRECT_OK);
+    return w;
+}
+
+class SimTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        use_provider(&sim::world_provider());
+        kavrel_sim_reset();
+        kavrel_sim_set_virtual_time(1);
+    }
+    void TearDown() override {
+        kavrel_direct_close_all_devices();
+        kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO);
+        kavrel_sim_reset();
+        use_provider(nullptr);
+    }
+
+    // Attaches a bridge of that kind and opens it, letting the library
+    // probe its protocol.
+    static kavrel_sim_config attach_and_open(uint32_t kind, const char *chip_serial) {
+        const kavrel_sim_config c = sim_config(kind, chip_serial);
+        EXPECT_EQ(kavrel_sim_attach(&c), KAVREL_DIRECT_OK);
+        EXPECT_EQ(kavrel_direct_open_device_by_chip_serial(chip_serial), KAVREL_DIRECT_OK);
+        return c;
+    }
+};
+
+inline std::string protocol_name(uint32_t kind) {
+    return kind == KAVREL_SIM_NIR ? "NIR" : kind == KAVREL_SIM_CM2 ? "CM2" : "silent";
+}
+
+}  // namespace kavrel::test
+
+#endif
