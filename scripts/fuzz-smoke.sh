@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-30}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(codec exchange operations)
+[ ${#targets[@]} -gt 0 ] || targets=(codec exchange operations sim)
 build=${FUZZ_BUILD:-build/fuzz}
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -34,10 +34,11 @@ for target in "${targets[@]}"; do
   log=$build/fuzz/$target.log
   echo "== fuzzing $target for $seconds s (log: $log)"
   started=$SECONDS
+  inputs=("$corpus" "$build/fuzz/seeds/$target")
+  [ -d "fuzz/regressions/$target" ] && inputs+=("fuzz/regressions/$target")
   status=0
   "$build/fuzz/kavrel_fuzz_$target" -max_total_time="$seconds" -max_len="$max_len" -timeout=10 \
-    -print_final_stats=1 -artifact_prefix="$crashes/$target-" \
-    "$corpus" "$build/fuzz/seeds/$target" "fuzz/regressions/$target" >"$log" 2>&1 || status=$?
+    -print_final_stats=1 -artifact_prefix="$crashes/$target-" "${inputs[@]}" >"$log" 2>&1 || status=$?
   grep -E '^stat::number_of_executed_units' "$log" || true
   echo "== $target: exit $status after $((SECONDS - started)) s"
   if [ "$status" -ne 0 ]; then

@@ -19,7 +19,7 @@ run() {
 run "$build/tests/kavrel_unit_tests" --gtest_brief=1
 KAVREL_TEST_WRAPPED_PROVIDER=1 run "$build/tests/kavrel_unit_tests" --gtest_brief=1
 run "$build/tests/kavrel_allocation_tests" --gtest_brief=1
-for target in codec exchange operations; do
+for target in codec exchange operations sim; do
   run "$build/fuzz/kavrel_replay_$target" "$build/fuzz/seeds/$target" "fuzz/regressions/$target"
 done
 run "$build/tests/kavrel_c_consumer"
