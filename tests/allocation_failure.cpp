@@ -8,9 +8,12 @@
 // not what the test or the fake instrument behind the provider allocate.
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
+
 #include "support/device_fixture.h"
+#include "support/every_operation.h"
 #include "support/spectral_model.h"
 
 namespace {
@@ -130,91 +133,10 @@ struct Uncounted : platform::Forwarder {
     }
 };
 
-// Every output any operation writes, filled with a pattern beforehand.
-struct Outputs {
-    uint32_t u32[2];
-    uint8_t u8[3];
-    uint16_t u16;
-    uint64_t u64;
-    float degrees;
-    char text[40];
-    kavrel_direct_device_info info;
-    kavrel_direct_wavelength_selection selection;
-    double coefficients[4];
-    double wavelengths[8];
-    double low, high;
-    uint16_t samples[8];
-    uint8_t page[16];
-};
-
-Outputs untouched() {
-    Outputs o;
-    std::memset(&o, 0xA5, sizeof o);
-    return o;
-}
-
-bool operator==(const Outputs &a, const Outputs &b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
-const uint8_t kPage[4] = {1, 2, 3, 4};
-
-struct Operation {
-    const char *name;
-    int32_t (*call)(Outputs &o);
-};
-
-const Operation kOperations[] = {
-    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }},
-    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }},
-    {"set integration time", [](Outputs &) { return kavrel_direct_set_integration_time(20000); }},
-    {"integration time", [](Outputs &o) { return kavrel_direct_get_integration_time(o.u32); }},
-    {"set average number", [](Outputs &) { return kavrel_direct_set_average_number(3); }},
-    {"average number", [](Outputs &o) { return kavrel_direct_get_average_number(o.u8); }},
-    {"set level output", [](Outputs &) { return kavrel_direct_set_level_output(1); }},
-    {"level output", [](Outputs &o) { return kavrel_direct_get_level_output(o.u8); }},
-    {"set xenon pulse", [](Outputs &) { return kavrel_direct_set_xenon_pulse(1, 2); }},
-    {"xenon pulse", [](Outputs &o) { return kavrel_direct_get_xenon_pulse(o.u32, o.u32 + 1); }},
-    {"set xenon mode", [](Outputs &) { return kavrel_direct_set_xenon_mode(1); }},
-    {"xenon mode", [](Outputs &o) { return kavrel_direct_get_xenon_mode(o.u8); }},
-    {"set trigger", [](Outputs &) { return kavrel_direct_set_external_trigger_config(1, 2, 3); }},
-    {"trigger", [](Outputs &o) { return kavrel_direct_get_external_trigger_config(o.u8, o.u8 + 1, o.u8 + 2); }},
-    {"set dac", [](Outputs &) { return kavrel_direct_set_dac_voltage(0x123); }},
-    {"dac", [](Outputs &o) { return kavrel_direct_get_dac_voltage(&o.u16); }},
-    {"capture status", [](Outputs &o) { return kavrel_direct_get_spectrum_capture_status(&o.u64); }},
-    {"temperature", [](Outputs &o) { return kavrel_direct_get_temperature(&o.degrees); }},
-    {"hardware version", [](Outputs &o) { return kavrel_direct_get_hardware_version(o.text, 40); }},
-    {"detector serial", [](Outputs &o) { return kavrel_direct_get_detector_serial_number(o.text, 40); }},
-    {"model", [](Outputs &o) { return kavrel_direct_get_device_model(o.text, 40); }},
-    {"set baud rate", [](Outputs &) { return kavrel_direct_set_usb_baud_rate(9600); }},
-    {"baud rate", [](Outputs &o) { return kavrel_direct_get_usb_baud_rate(&o.u16); }},
-    {"usb status", [](Outputs &o) { return kavrel_direct_get_usb_status(o.u32); }},
-    {"set serial", [](Outputs &) { return kavrel_direct_set_serial_number("SN0001"); }},
-    {"serial", [](Outputs &o) { return kavrel_direct_get_serial_number(o.text, 40); }},
-    {"device info", [](Outputs &o) { return kavrel_direct_get_device_info(&o.info); }},
-    {"set stored integration time", [](Outputs &) { return kavrel_direct_set_stored_integration_time(5); }},
-    {"stored integration time", [](Outputs &o) { return kavrel_direct_get_stored_integration_time(o.u32); }},
-    {"set stored average number", [](Outputs &) { return kavrel_direct_set_stored_average_number(2); }},
-    {"stored average number", [](Outputs &o) { return kavrel_direct_get_stored_average_number(o.u8); }},
-    {"set stored smoothing", [](Outputs &) { return kavrel_direct_set_stored_smoothing_width(2); }},
-    {"stored smoothing", [](Outputs &o) { return kavrel_direct_get_stored_smoothing_width(o.u8); }},
-    {"slit width", [](Outputs &o) { return kavrel_direct_get_slit_width(o.u8); }},
-    {"open write protect", [](Outputs &) { return kavrel_direct_set_flash_write_protect(); }},
-    {"write protect", [](Outputs &o) { return kavrel_direct_get_flash_write_protect(o.u32); }},
-    {"coefficients", [](Outputs &o) { return kavrel_direct_get_calibration_coefficients(o.coefficients); }},
-    {"count", [](Outputs &o) { return kavrel_direct_get_wavelength_count(&o.u16); }},
-    {"whole table", [](Outputs &o) { return kavrel_direct_get_full_wavelength_data(o.wavelengths, 8); }},
-    {"end values", [](Outputs &o) { return kavrel_direct_get_full_wavelength_range(&o.low, &o.high); }},
-    {"set selection", [](Outputs &) { return kavrel_direct_set_selected_wavelength_range(405, 435); }},
-    {"selection", [](Outputs &o) { return kavrel_direct_get_selected_wavelength_range(&o.selection); }},
-    {"selected wavelengths",
-     [](Outputs &o) { return kavrel_direct_get_selected_wavelength_data(o.wavelengths, 8); }},
-    {"whole spectrum", [](Outputs &o) { return kavrel_direct_get_full_spectrum_data(o.samples, 8); }},
-    {"selected spectrum", [](Outputs &o) { return kavrel_direct_get_selected_spectrum_data(o.samples, 8); }},
-    {"flash write", [](Outputs &) { return kavrel_direct_flash_write(3, kPage, 4); }},
-    {"flash read", [](Outputs &o) { return kavrel_direct_flash_read(3, o.page, 16); }},
-    {"external spectrum", [](Outputs &o) { return kavrel_direct_external_spectrum_control(1, o.samples, 8); }},
-    {"reset", [](Outputs &) { return kavrel_direct_reset_device(); }},
+// Listing and opening again, besides the device operations.
+const Operation kTableOperations[] = {
+    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }, false, false},
+    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }, false, false},
 };
 
 // An instrument that answers every request: the spectral model for tables,
@@ -269,38 +191,41 @@ protected:
     // Runs the operation with the nth allocation failing (0: none).
     int32_t run(const Operation &op, Outputs &out, int nth) {
         prepare();
-        out = untouched();
+        out.fill();
         g_counted = 0;
         g_fail_at = nth;
         Counting counting;
         return op.call(out);
     }
-};
 
-TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards) {
-    for (const Operation &op : kOperations) {
+
+    void fail_each_allocation_in_turn(const Operation &op) {
         SCOPED_TRACE(op.name);
-        Outputs expected;
-        const int32_t result = run(op, expected, 0);
+        const auto expected = std::make_unique<Outputs>(), out = std::make_unique<Outputs>();
+        const int32_t result = run(op, *expected, 0);
         ASSERT_TRUE(result >= 0 || result == KAVREL_DIRECT_ERR_UNSUPPORTED) << result;
         const int allocations = g_counted;
         EXPECT_EQ(g_live_count, 0) << "kept after success";
 
         for (int nth = 1; nth <= allocations; ++nth) {
             SCOPED_TRACE(nth);
-            Outputs out;
-            EXPECT_EQ(run(op, out, nth), KAVREL_DIRECT_ERR_INVALID_ARG);
+            EXPECT_EQ(run(op, *out, nth), KAVREL_DIRECT_ERR_INVALID_ARG);
             EXPECT_EQ(g_counted, nth) << "went on after the failed allocation";
             EXPECT_EQ(g_live_count, 0) << "leaked";
-            EXPECT_TRUE(out == untouched()) << "output written on failure";
+            EXPECT_TRUE(out->untouched()) << "output written on failure";
             EXPECT_EQ(active().selection_valid, 1u);
             EXPECT_EQ(active().start_index, 1);
             EXPECT_EQ(active().selected_count, 3);
 
-            EXPECT_EQ(run(op, out, 0), result) << "the device does not answer afterwards";
-            EXPECT_TRUE(out == expected) << "the next answer differs";
+            EXPECT_EQ(run(op, *out, 0), result) << "the device does not answer afterwards";
+            EXPECT_TRUE(*out == *expected) << "the next answer differs";
         }
     }
+};
+
+TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards) {
+    for (const Operation &op : kTableOperations) fail_each_allocation_in_turn(op);
+    for (const Operation &op : kEveryOperation) fail_each_allocation_in_turn(op);
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
