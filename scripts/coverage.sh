@@ -18,14 +18,19 @@ find "$build" -name '*.gcda' -delete
 # Installing and the MSVC header checks compile nothing of the library.
 (cd "$build" && ctest -j "$(nproc)" --output-on-failure -E 'install_consumer|header_msvc' >/dev/null)
 
-filters=(--filter 'src/')
-[ -d sim ] && filters+=(--filter 'sim/')
-options=(--root . --object-directory "$build" "${filters[@]}"
-         --exclude-throw-branches --exclude-unreachable-branches)
+roots=(src/)
+[ -d sim ] && roots+=(sim/)
+options=(--root . --object-directory "$build" --exclude-throw-branches --exclude-unreachable-branches)
+filters=()
+for root in "${roots[@]}"; do filters+=(--filter "$root"); done
 echo "== lines"
-gcovr "${options[@]}" --txt
+gcovr "${options[@]}" "${filters[@]}" --txt
 echo "== branches"
-gcovr "${options[@]}" --txt --branches --print-summary
+gcovr "${options[@]}" "${filters[@]}" --txt --branches
+for root in "${roots[@]}"; do
+  echo "== $root"
+  gcovr "${options[@]}" --filter "$root" --print-summary -o /dev/null
+done
 if [ -n "${COVERAGE_HTML:-}" ]; then
-  gcovr "${options[@]}" --html-details "$build/coverage.html"
+  gcovr "${options[@]}" "${filters[@]}" --html-details "$build/coverage.html"
 fi
