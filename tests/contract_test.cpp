@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/timing_engine.h"
 #include "protocol/cm2_codec.h"
@@ -123,6 +124,34 @@ TEST_F(DeviceTest, ADriverReportingMoreThanItWasAskedForIsNotBelieved) {
     EXPECT_EQ(nir_send_command(&command, 1, nullptr, nullptr, 0, kNirQueryQuietMs), KAVREL_DIRECT_ERR_CRC);
     // The devices go before the provider they were opened with.
     operation.reset();
+    kavrel_direct_close_all_devices();
+}
+
+// A driver that calls the library back from inside a read, as a driver's
+// event callback might: each such call is refused at once instead of waiting
+// for the locks its caller holds.
+struct CallingBack : platform::Forwarder {
+    using Forwarder::Forwarder;
+    std::vector<int64_t> results;
+    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
+        float degrees = 0;
+        results = {kavrel_direct_get_temperature(&degrees), kavrel_direct_open_device(0),
+                   kavrel_direct_scan_devices()};
+        kavrel_direct_close_all_devices();
+        return Forwarder::read(h, b, n, r);
+    }
+};
+
+TEST_F(DeviceTest, ADriverCallingBackInIsRefusedAndDoesNothing) {
+    CallingBack calling_back(platform::current());
+    const platform::Platform table = platform::provider_table("calling back", calling_back);
+    use_provider(&table);
+    const int device = open_cm2();
+    bridge.reply_any(device, at_once(cm2_reply(0xC1, 0x40, {0, 0, 1, 0x90})));
+    float degrees = 0;
+    EXPECT_EQ(kavrel_direct_get_temperature(&degrees), KAVREL_DIRECT_OK);
+    EXPECT_EQ(calling_back.results, std::vector<int64_t>({KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0}));
+    EXPECT_EQ(kavrel_direct_get_open_device_count(), 1);
     kavrel_direct_close_all_devices();
 }
 
