@@ -10,12 +10,12 @@
 // its CRC-16.
 #include <memory>
 
-#include "cm2_instrument.h"
 #include "fuzz_bridge.h"
 #include "kavrel_direct.h"
-#include "nir_instrument.h"
 #include "protocol/byte_order.h"
 #include "protocol/cm2_codec.h"
+#include "sim/cm2_instrument.h"
+#include "sim/nir_instrument.h"
 #include "transport/nir_exchange.h"
 
 using namespace kavrel;

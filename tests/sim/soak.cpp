@@ -26,7 +26,7 @@
 #include "support/every_operation.h"
 #include "transport/device_table.h"
 #include "transport/timing.h"
-#include "world.h"
+#include "sim/world.h"
 
 using namespace kavrel;
 using namespace kavrel::test;
