@@ -14,6 +14,9 @@
 
 #include "support/device_fixture.h"
 #include "support/every_operation.h"
+#ifdef KAVREL_WITH_LIBFTDI
+#include "support/fake_ftdi.h"
+#endif
 #include "support/spectral_model.h"
 
 namespace {
@@ -192,7 +195,7 @@ protected:
     int32_t run(const Operation &op, Outputs &out, int nth) {
         prepare();
         out.fill();
-        g_counted = 0;
+        g_counted = g_live_count = 0;
         g_fail_at = nth;
         Counting counting;
         return op.call(out);
@@ -227,6 +230,50 @@ TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards
     for (const Operation &op : kTableOperations) fail_each_allocation_in_turn(op);
     for (const Operation &op : kEveryOperation) fail_each_allocation_in_turn(op);
 }
+
+#ifdef KAVREL_WITH_LIBFTDI
+// The libftdi1 provider allocates as it lists, opens and reads; an exhausted
+// heap may end any of its calls with an exception, which the library's frame
+// turns into -5. Whatever it took of the USB devices (a libftdi1 context, a
+// device list) must be given back all the same. The stand-ins' own
+// allocations count too: they stand for libftdi1's and libusb's.
+TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
+    using namespace platform;
+    using namespace platform::fake_ftdi;
+    g_chips.emplace_back().product = 0x6010;  // two interfaces, two bridges
+    bool completed = false;
+    for (int nth = 1; !completed; ++nth) {
+        SCOPED_TRACE(nth);
+        // The stand-in's own records must not grow while the count runs.
+        g_chips.back().endpoints.reserve(16);
+        g_chips.back().packets.clear();
+        g_chips.back().send(g_clock.now_ms() + 1, 100);
+        {
+            LibftdiBridge bridge(kFake, g_clock);
+            Handle h = nullptr;
+            g_counted = g_live_count = 0;
+            g_fail_at = nth;
+            try {
+                Counting counting;
+                uint32_t n = 0, done = 0;
+                uint8_t bytes[8] = {};
+                bridge.create_device_info_list(&n);
+                if (bridge.open(1, &h) == kOk) {
+                    bridge.set_usb_parameters(h, 65536, 65536);
+                    bridge.write(h, bytes, 4, &done);
+                    bridge.read(h, bytes, sizeof bytes, &done);
+                }
+            } catch (const std::bad_alloc &) {
+            }
+            completed = g_counted < nth;
+            g_fail_at = 0;
+            if (h != nullptr) bridge.close(h);
+        }
+        EXPECT_EQ(g_live_count, 0) << "kept after a failed allocation";
+    }
+    g_chips.clear();
+}
+#endif
 
 INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool> &info) { return info.param ? "Nir" : "Cm2"; });
