@@ -43,9 +43,9 @@ void cm2_exchange(uint8_t mode, uint32_t a, uint32_t b, uint32_t c) {
     const Output<uint8_t> data(query ? 0 : room(static_cast<int32_t>(length < 4096 ? length : 0)));
     const Output<uint8_t> answer(room(capacity));
     int32_t answer_length = -1;
-    const int32_t rc = send_and_recv(static_cast<uint8_t>(a >> 24), a & 0xFFFFFF,
-                                     length < 4096 ? data.get() : nullptr, length, answer.get(),
-                                     &answer_length, query, capacity);
+    const int32_t rc =
+        send_and_recv(static_cast<uint8_t>(a >> 24), a & 0xFFFFFF, length < 4096 ? data.get() : nullptr,
+                      length, answer.get(), &answer_length, query, capacity);
     check(rc, answer, answer_length, capacity < 0 ? 0 : capacity,
           {0, KAVREL_DIRECT_ERR_IO, KAVREL_DIRECT_ERR_INVALID_ARG, KAVREL_DIRECT_ERR_CRC,
            KAVREL_DIRECT_ERR_PARSE, KAVREL_DIRECT_ERR_TIMEOUT, KAVREL_DIRECT_ERR_WRITE_PROTECT});

@@ -96,7 +96,8 @@ void get_device_info() {
     written_on_success(rc, info);
     if (rc != KAVREL_DIRECT_OK) return;
     const kavrel_direct_device_info &i = *info.get();
-    require(std::memchr(i.protocol_name, '\0', sizeof i.protocol_name) && std::memchr(i.model, '\0', sizeof i.model) &&
+    require(std::memchr(i.protocol_name, '\0', sizeof i.protocol_name) &&
+            std::memchr(i.model, '\0', sizeof i.model) &&
             std::memchr(i.serial_number, '\0', sizeof i.serial_number) &&
             std::memchr(i.hardware_version, '\0', sizeof i.hardware_version));
 }
@@ -124,7 +125,8 @@ void flash_write(uint32_t a, uint32_t b) {
 void external_spectrum(uint32_t a, uint32_t b) {
     const int32_t count = count_arg(b);
     const Output<uint16_t> spectrum(room(count));
-    const int32_t rc = kavrel_direct_external_spectrum_control(static_cast<uint16_t>(a), spectrum.get(), count);
+    const int32_t rc =
+        kavrel_direct_external_spectrum_control(static_cast<uint16_t>(a), spectrum.get(), count);
     // Twice the number of values stored.
     if (rc >= 0) require(rc % 2 == 0 && rc / 2 <= count);
     written_on_success(rc < 0 ? rc : 0, spectrum);
@@ -141,7 +143,8 @@ void send_recv(uint32_t a, uint32_t b) {
     const Output<uint8_t> request(a % 64);
     uint32_t length = b % 20000;
     const Output<uint8_t> reply(length);
-    const int32_t rc = kavrel_direct_send_recv(request.get(), static_cast<uint32_t>(request.size()), reply.get(), &length);
+    const int32_t rc =
+        kavrel_direct_send_recv(request.get(), static_cast<uint32_t>(request.size()), reply.get(), &length);
     require(is_result(rc) && length <= reply.size());
 }
 
@@ -174,7 +177,8 @@ const Operation kOperations[] = {
     {"set_average_number",
      [](uint32_t a, uint32_t) { set(kavrel_direct_set_average_number(static_cast<uint8_t>(a))); }},
     {"average_number", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_average_number); }},
-    {"set_level_output", [](uint32_t a, uint32_t) { set(kavrel_direct_set_level_output(static_cast<uint8_t>(a))); }},
+    {"set_level_output",
+     [](uint32_t a, uint32_t) { set(kavrel_direct_set_level_output(static_cast<uint8_t>(a))); }},
     {"level_output", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_level_output); }},
     {"set_xenon_pulse", [](uint32_t a, uint32_t b) { set(kavrel_direct_set_xenon_pulse(a, b)); }},
     {"xenon_pulse",
@@ -184,7 +188,8 @@ const Operation kOperations[] = {
          written_on_success(rc, first);
          written_on_success(rc, second);
      }},
-    {"set_xenon_mode", [](uint32_t a, uint32_t) { set(kavrel_direct_set_xenon_mode(static_cast<uint8_t>(a))); }},
+    {"set_xenon_mode",
+     [](uint32_t a, uint32_t) { set(kavrel_direct_set_xenon_mode(static_cast<uint8_t>(a))); }},
     {"xenon_mode", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_xenon_mode); }},
     {"set_trigger",
      [](uint32_t a, uint32_t) {
@@ -207,7 +212,8 @@ const Operation kOperations[] = {
     {"hardware_version", [](uint32_t a, uint32_t) { get_text(kavrel_direct_get_hardware_version, a); }},
     {"detector_serial", [](uint32_t a, uint32_t) { get_text(kavrel_direct_get_detector_serial_number, a); }},
     {"model", [](uint32_t a, uint32_t) { get_text(kavrel_direct_get_device_model, a); }},
-    {"set_baud_rate", [](uint32_t a, uint32_t) { set(kavrel_direct_set_usb_baud_rate(static_cast<uint16_t>(a))); }},
+    {"set_baud_rate",
+     [](uint32_t a, uint32_t) { set(kavrel_direct_set_usb_baud_rate(static_cast<uint16_t>(a))); }},
     {"baud_rate", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_usb_baud_rate); }},
     {"usb_status", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_usb_status); }},
     {"set_serial",
@@ -220,7 +226,8 @@ const Operation kOperations[] = {
     // Stored defaults and maintenance.
     {"set_stored_integration_time",
      [](uint32_t a, uint32_t) { set(kavrel_direct_set_stored_integration_time(a)); }},
-    {"stored_integration_time", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_stored_integration_time); }},
+    {"stored_integration_time",
+     [](uint32_t, uint32_t) { get_one(kavrel_direct_get_stored_integration_time); }},
     {"set_stored_average_number",
      [](uint32_t a, uint32_t) { set(kavrel_direct_set_stored_average_number(static_cast<uint8_t>(a))); }},
     {"stored_average_number", [](uint32_t, uint32_t) { get_one(kavrel_direct_get_stored_average_number); }},
@@ -254,7 +261,8 @@ const Operation kOperations[] = {
     {"selected_wavelengths",
      [](uint32_t a, uint32_t) { get_array(kavrel_direct_get_selected_wavelength_data, a); }},
     {"spectrum", [](uint32_t a, uint32_t) { get_array(kavrel_direct_get_full_spectrum_data, a); }},
-    {"selected_spectrum", [](uint32_t a, uint32_t) { get_array(kavrel_direct_get_selected_spectrum_data, a); }},
+    {"selected_spectrum",
+     [](uint32_t a, uint32_t) { get_array(kavrel_direct_get_selected_spectrum_data, a); }},
     {"flash_read", flash_read},
     {"flash_write", flash_write},
     {"external_spectrum", external_spectrum},
@@ -348,7 +356,8 @@ Bytes table_bytes() {
     Bytes out;
     for (float wavelength : {400.0f, 410.0f, 420.0f, 430.0f, 440.0f}) put_be32(out, float_bits(wavelength));
     // Least significant byte first on the wire.
-    for (size_t i = 0; i < out.size(); i += 4) std::swap(out[i], out[i + 3]), std::swap(out[i + 1], out[i + 2]);
+    for (size_t i = 0; i < out.size(); i += 4)
+        std::swap(out[i], out[i + 3]), std::swap(out[i + 1], out[i + 2]);
     return out;
 }
 
@@ -365,56 +374,81 @@ std::vector<Seed> kavrel::fuzz::seeds() {
     nir_spectrum.insert(nir_spectrum.end(), {0xDD, 0xDD, 0xAA, 0xAA});
     const uint32_t from = float_bits(405), to = float_bits(435);
     return {
-        {"cm2_settings",
-         Script(kTwoBridgesCm2)
-             .call("temperature").reply(cm2_answer(0xC1, 0x40, {0, 0, 0x01, 0x90}))
-             .call("model", 20).reply(cm2_answer(0xC1, 0x46, Bytes(16, 'M')))
-             .call("set_integration_time", 20000).reply(cm2_answer(0xC1, 0, {}))
-             .call("device_info")
-             .reply(cm2_answer(0xC1, 0x46, Bytes(16, 'M')))
-             .reply(cm2_answer(0xC2, 0x04, Bytes(12, 'S')))
-             .reply(cm2_answer(0xC1, 0x41, {1, 2, 3, 4, 0, 0, 0, 0}))
-             .bytes()},
-        {"cm2_spectral",
-         Script(kTwoBridgesCm2)
-             .call("wavelength_count").reply(count)
-             .call("wavelengths", 8).reply(table)
-             .call("spectrum", 8).reply(cm2_answer(0xC6, 0, kSamples))
-             .call("select_range", from, to).reply(count).reply(table).reply(count).reply(table)
-             .call("selected_spectrum", 3).reply(count).reply(cm2_answer(0xC6, 0, kSamples))
-             .bytes()},
-        {"cm2_flash",
-         Script(kTwoBridgesCm2)
-             .call("flash_read", 3, 16)
-             .reply(cm2_answer(0xC1, 0x4A, {})).reply(cm2_answer(0xC1, 0x4A, kDone))
-             .reply(cm2_answer(0xC7, 0, Bytes(16, 0x5A)))
-             .call("flash_write", 3, 8)
-             .reply(cm2_answer(0xC1, 0x12, {})).reply(cm2_answer(0xC7, 0, {})).reply(cm2_answer(0xC1, 0x4A, {}))
-             .reply(cm2_answer(0xC1, 0x4A, kDone))
-             .call("external_spectrum", 1, 8)
-             .reply(cm2_answer(0xC1, 0x4C, {})).reply(cm2_answer(0xC1, 0x4C, kDone))
-             .reply(cm2_answer(0xC6, 0, kSamples))
-             .bytes()},
-        {"nir_settings",
-         Script(kTwoBridgesNir)
-             .call("temperature").reply(nir_answer({0x01, 0x90}))
-             .call("model", 20).reply(nir_answer({0x13, 0, 0, 0x12, 0x34, 0, 0, 0}))
-             .call("hardware_version", 20).reply(nir_answer({'V', '1', '.', '2'}))
-             .call("set_integration_time", 20000).reply(nir_answer({}))
-             .bytes()},
-        {"nir_spectral",
-         Script(kTwoBridgesNir)
-             .call("spectrum", 8).reply(nir_answer(nir_spectrum))
-             .call("select_range", from, to).reply(nir_table).reply(nir_table).reply(nir_table).reply(nir_table)
-             .call("selected_wavelengths", 3).reply(nir_table).reply(nir_table)
-             .call("flash_read", 3, 16).reply(nir_answer(Bytes(16, 0x5A)))
-             .bytes()},
-        {"probe_then_switch",
-         Script(kTwoBridgesAuto)
-             .reply({}).reply(nir_answer({'1', '.', '0'}))
-             .call("open", 1).reply(cm2_answer(0xC1, 0x46, Bytes(16, 'M')))
-             .call("select", 0)
-             .call("temperature").reply(nir_answer({0x01, 0x90}))
-             .bytes()},
+        {"cm2_settings", Script(kTwoBridgesCm2)
+                             .call("temperature")
+                             .reply(cm2_answer(0xC1, 0x40, {0, 0, 0x01, 0x90}))
+                             .call("model", 20)
+                             .reply(cm2_answer(0xC1, 0x46, Bytes(16, 'M')))
+                             .call("set_integration_time", 20000)
+                             .reply(cm2_answer(0xC1, 0, {}))
+                             .call("device_info")
+                             .reply(cm2_answer(0xC1, 0x46, Bytes(16, 'M')))
+                             .reply(cm2_answer(0xC2, 0x04, Bytes(12, 'S')))
+                             .reply(cm2_answer(0xC1, 0x41, {1, 2, 3, 4, 0, 0, 0, 0}))
+                             .bytes()},
+        {"cm2_spectral", Script(kTwoBridgesCm2)
+                             .call("wavelength_count")
+                             .reply(count)
+                             .call("wavelengths", 8)
+                             .reply(table)
+                             .call("spectrum", 8)
+                             .reply(cm2_answer(0xC6, 0, kSamples))
+                             .call("select_range", from, to)
+                             .reply(count)
+                             .reply(table)
+                             .reply(count)
+                             .reply(table)
+                             .call("selected_spectrum", 3)
+                             .reply(count)
+                             .reply(cm2_answer(0xC6, 0, kSamples))
+                             .bytes()},
+        {"cm2_flash", Script(kTwoBridgesCm2)
+                          .call("flash_read", 3, 16)
+                          .reply(cm2_answer(0xC1, 0x4A, {}))
+                          .reply(cm2_answer(0xC1, 0x4A, kDone))
+                          .reply(cm2_answer(0xC7, 0, Bytes(16, 0x5A)))
+                          .call("flash_write", 3, 8)
+                          .reply(cm2_answer(0xC1, 0x12, {}))
+                          .reply(cm2_answer(0xC7, 0, {}))
+                          .reply(cm2_answer(0xC1, 0x4A, {}))
+                          .reply(cm2_answer(0xC1, 0x4A, kDone))
+                          .call("external_spectrum", 1, 8)
+                          .reply(cm2_answer(0xC1, 0x4C, {}))
+                          .reply(cm2_answer(0xC1, 0x4C, kDone))
+                          .reply(cm2_answer(0xC6, 0, kSamples))
+                          .bytes()},
+        {"nir_settings", Script(kTwoBridgesNir)
+                             .call("temperature")
+                             .reply(nir_answer({0x01, 0x90}))
+                             .call("model", 20)
+                             .reply(nir_answer({0x13, 0, 0, 0x12, 0x34, 0, 0, 0}))
+                             .call("hardware_version", 20)
+                             .reply(nir_answer({'V', '1', '.', '2'}))
+                             .call("set_integration_time", 20000)
+                             .reply(nir_answer({}))
+                             .bytes()},
+        {"nir_spectral", Script(kTwoBridgesNir)
+                             .call("spectrum", 8)
+                             .reply(nir_answer(nir_spectrum))
+                             .call("select_range", from, to)
+                             .reply(nir_table)
+                             .reply(nir_table)
+                             .reply(nir_table)
+                             .reply(nir_table)
+                             .call("selected_wavelengths", 3)
+                             .reply(nir_table)
+                             .reply(nir_table)
+                             .call("flash_read", 3, 16)
+                             .reply(nir_answer(Bytes(16, 0x5A)))
+                             .bytes()},
+        {"probe_then_switch", Script(kTwoBridgesAuto)
+                                  .reply({})
+                                  .reply(nir_answer({'1', '.', '0'}))
+                                  .call("open", 1)
+                                  .reply(cm2_answer(0xC1, 0x46, Bytes(16, 'M')))
+                                  .call("select", 0)
+                                  .call("temperature")
+                                  .reply(nir_answer({0x01, 0x90}))
+                                  .bytes()},
     };
 }

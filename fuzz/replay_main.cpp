@@ -22,7 +22,8 @@ int write_seeds(const fs::path &folder) {
     fs::create_directories(folder);
     for (const kavrel::fuzz::Seed &seed : kavrel::fuzz::seeds()) {
         std::ofstream out(folder / seed.name, std::ios::binary);
-        out.write(reinterpret_cast<const char *>(seed.bytes.data()), static_cast<std::streamsize>(seed.bytes.size()));
+        out.write(reinterpret_cast<const char *>(seed.bytes.data()),
+                  static_cast<std::streamsize>(seed.bytes.size()));
         if (!out) return 1;
     }
     return 0;

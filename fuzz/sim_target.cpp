@@ -41,8 +41,8 @@ public:
         require(bytes.size() >= static_cast<size_t>(cm2::kMinPacketBytes) &&
                 bytes.size() == cm2::kMinPacketBytes + 4u * load_be16(&bytes[cm2::kDataLenOffset]));
         const auto parsed = std::make_unique<cm2_packet>();
-        require(kavrel_direct_parse_response(bytes.data(), static_cast<int32_t>(bytes.size()), parsed.get()) ==
-                    0 &&
+        require(kavrel_direct_parse_response(bytes.data(), static_cast<int32_t>(bytes.size()),
+                                             parsed.get()) == 0 &&
                 parsed->crc_ok == 1);
     }
 };
@@ -134,15 +134,15 @@ std::vector<Seed> kavrel::fuzz::seeds() {
     return {
         {"cm2_identity", stream(kCm2, {query(0xC1, 0x46, 4), query(0xC1, 0x40, 1), query(0xC2, 0x04, 3)})},
         {"cm2_spectral", stream(kCm2, {query(0xC2, 0x0B, 1), query(0xC5, 0, 2048), query(0xC6, 0, 1024)})},
-        {"cm2_flash", stream(kCm2, {write(0xC1, 0x12, {0, 0, 0, 0xEA}), write(0xC7, 0, {1, 2, 3, 4}),
-                                    write(0xC1, 0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD}),
-                                    query(0xC1, 0x4A, 2)})},
+        {"cm2_flash",
+         stream(kCm2, {write(0xC1, 0x12, {0, 0, 0, 0xEA}), write(0xC7, 0, {1, 2, 3, 4}),
+                       write(0xC1, 0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD}), query(0xC1, 0x4A, 2)})},
         {"cm2_settings", stream(kCm2, {write(0xC1, 0, {0, 0, 0x4E, 0x20}), query(0xC1, 0, 1),
                                        write(0xC1, 0x13, {0, 0, 0, 0xAA})})},
         {"cm2_fault", faulty},
         {"nir_identity", stream(kNir, {frame({'V'}), frame({0x74}), frame({0xBB}), frame({'x'})})},
         {"nir_spectral", stream(kNir, {frame({0x3F, 'S'}), frame({'S'}), frame({'i', 0, 0, 0x27, 0x10})})},
-        {"nir_flash", stream(kNir, {frame({0xA5, 0xEA}), frame({0xAF, 0, 3, 1, 2, 3, 4}),
-                                    frame({0x3F, 0xAF, 0, 3})})},
+        {"nir_flash",
+         stream(kNir, {frame({0xA5, 0xEA}), frame({0xAF, 0, 3, 1, 2, 3, 4}), frame({0x3F, 0xAF, 0, 3})})},
     };
 }

@@ -11,7 +11,6 @@
 #include <memory>
 #include <new>
 
-
 #include "support/device_fixture.h"
 #include "support/every_operation.h"
 #ifdef KAVREL_WITH_LIBFTDI
@@ -138,8 +137,10 @@ struct Uncounted : platform::Forwarder {
 
 // Listing and opening again, besides the device operations.
 const Operation kTableOperations[] = {
-    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }, false, false},
-    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }, false, false},
+    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }, false,
+     false},
+    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }, false,
+     false},
 };
 
 // An instrument that answers every request: the spectral model for tables,
@@ -149,12 +150,14 @@ struct AnyInstrument {
     SpectralModel model;
     std::vector<Chunk> answer(const Bytes &written, bool nir) const {
         if (nir) {
-            const bool spectral = written[0] == 0x53 || (written[0] == 0x3F && (written[1] == 0x53 || written[1] == 0xAF));
+            const bool spectral =
+                written[0] == 0x53 || (written[0] == 0x3F && (written[1] == 0x53 || written[1] == 0xAF));
             return spectral ? model.answer_nir(written) : at_once(nir_reply(Bytes(40, 0xAA)));
         }
         const uint8_t reg = written[21];
         const uint32_t address = static_cast<uint32_t>(written[22]) << 16 | load_be16(&written[23]);
-        if (written[13] != 0x0D || reg == 0xC5 || reg == 0xC6 || reg == 0xC7 || (reg == 0xC2 && address == 0x0B))
+        if (written[13] != 0x0D || reg == 0xC5 || reg == 0xC6 || reg == 0xC7 ||
+            (reg == 0xC2 && address == 0x0B))
             return model.answer_cm2(written);
         return at_once(cm2_reply(reg, address, Bytes(4u * load_be16(&written[15]), 0xAA)));
     }
@@ -200,7 +203,6 @@ protected:
         Counting counting;
         return op.call(out);
     }
-
 
     void fail_each_allocation_in_turn(const Operation &op) {
         SCOPED_TRACE(op.name);
@@ -276,7 +278,9 @@ TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
 #endif
 
 INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool> &info) { return info.param ? "Nir" : "Cm2"; });
+                         [](const ::testing::TestParamInfo<bool> &info) {
+                             return info.param ? "Nir" : "Cm2";
+                         });
 
 }  // namespace
 }  // namespace kavrel::test

@@ -92,7 +92,9 @@ TEST_F(DeviceTest, TheDeviceIsCheckedBeforeTheArguments) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, Contract, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool> &info) { return info.param ? "Nir" : "Cm2"; });
+                         [](const ::testing::TestParamInfo<bool> &info) {
+                             return info.param ? "Nir" : "Cm2";
+                         });
 
 // A driver that, whenever it fills a read, reports more than it was asked
 // for: believed, it would send the library past the end of its buffer.
@@ -150,7 +152,8 @@ TEST_F(DeviceTest, ADriverCallingBackInIsRefusedAndDoesNothing) {
     bridge.reply_any(device, at_once(cm2_reply(0xC1, 0x40, {0, 0, 1, 0x90})));
     float degrees = 0;
     EXPECT_EQ(kavrel_direct_get_temperature(&degrees), KAVREL_DIRECT_OK);
-    EXPECT_EQ(calling_back.results, std::vector<int64_t>({KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0}));
+    EXPECT_EQ(calling_back.results,
+              std::vector<int64_t>({KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0}));
     EXPECT_EQ(kavrel_direct_get_open_device_count(), 1);
     kavrel_direct_close_all_devices();
 }
@@ -239,7 +242,8 @@ TEST_F(DeviceTest, ExchangesRefuseBadArgumentsBeforeSending) {
     bind_active();
     uint8_t bytes[4] = {};
     int32_t length = -1;
-    EXPECT_EQ(send_and_recv(kRegControl, 0, nullptr, 1, bytes, &length, 1, -1), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(send_and_recv(kRegControl, 0, nullptr, 1, bytes, &length, 1, -1),
+              KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(nir_send_command(nullptr, 1, bytes, &length, 4, kNirSetQuietMs), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(nir_read_available(bytes, 4, nullptr, kNirSetQuietMs), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(length, -1);

@@ -23,10 +23,10 @@
 #include <string>
 
 #include "kavrel_sim.h"
+#include "sim/world.h"
 #include "support/every_operation.h"
 #include "transport/device_table.h"
 #include "transport/timing.h"
-#include "sim/world.h"
 
 using namespace kavrel;
 using namespace kavrel::test;
@@ -128,7 +128,8 @@ int main(int argc, char **argv) {
     Instrument instruments[4];
     for (int i = 0; i < 4; ++i) {
         kavrel_sim_default_config(kKinds[i], &instruments[i].config);
-        std::snprintf(instruments[i].config.chip_serial, sizeof instruments[i].config.chip_serial, "SOAK%d", i);
+        std::snprintf(instruments[i].config.chip_serial, sizeof instruments[i].config.chip_serial, "SOAK%d",
+                      i);
         instruments[i].config.seed = seed + static_cast<uint64_t>(i);
         if (kavrel_sim_attach(&instruments[i].config) != KAVREL_DIRECT_OK ||
             kavrel_direct_open_device_by_chip_serial(instruments[i].config.chip_serial) != KAVREL_DIRECT_OK) {
@@ -181,7 +182,8 @@ int main(int argc, char **argv) {
             // Whatever is still on its way lands (a trickle takes its time
             // over a reply of up to 16 KiB), and the next request drops it.
             kavrel_sim_clear_faults(device.config.chip_serial);
-            kavrel_sim_sleep_ms(10000 + (fault.kind == KAVREL_SIM_FAULT_TRICKLE ? fault.parameter * 16400 : 0));
+            kavrel_sim_sleep_ms(10000 +
+                                (fault.kind == KAVREL_SIM_FAULT_TRICKLE ? fault.parameter * 16400 : 0));
             char model[40] = {};
             if (problem.empty() && (kavrel_direct_get_device_model(model, sizeof model) != KAVREL_DIRECT_OK ||
                                     std::strcmp(model, device.config.model) != 0))

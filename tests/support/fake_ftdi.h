@@ -48,7 +48,9 @@ struct Chip {
 inline Clock g_clock(Clock::Mode::virtual_time);
 inline std::deque<Chip> g_chips;
 
-inline Chip &chip_of(void *p) { return *static_cast<Chip *>(p); }
+inline Chip &chip_of(void *p) {
+    return *static_cast<Chip *>(p);
+}
 
 inline const FtdiCalls kFake = [] {
     FtdiCalls c{};
@@ -69,7 +71,8 @@ inline const FtdiCalls kFake = [] {
     c.ftdi_list_free = [](ftdi_device_list **list) {
         while (*list != nullptr) delete std::exchange(*list, (*list)->next);
     };
-    c.ftdi_usb_get_strings2 = [](ftdi_context *, libusb_device *d, char *, int, char *desc, int, char *ser, int) {
+    c.ftdi_usb_get_strings2 = [](ftdi_context *, libusb_device *d, char *, int, char *desc, int, char *ser,
+                                 int) {
         snprintf(desc, 128, "%s", chip_of(d).description.c_str());
         snprintf(ser, 128, "%s", chip_of(d).serial.c_str());
         return chip_of(d).strings_code;
@@ -97,8 +100,8 @@ inline const FtdiCalls kFake = [] {
     c.libusb_close = [](libusb_device_handle *) {};
     // A bulk IN transfer: takes packets as they arrive until the buffer is
     // full or a short packet ends it, else times out with what it took.
-    c.libusb_bulk_transfer = [](libusb_device_handle *h, unsigned char ep, unsigned char *buf, int size, int *done,
-                                unsigned timeout) {
+    c.libusb_bulk_transfer = [](libusb_device_handle *h, unsigned char ep, unsigned char *buf, int size,
+                                int *done, unsigned timeout) {
         Chip &chip = chip_of(h);
         chip.endpoints.push_back(ep);
         const double deadline = g_clock.now_ms() + timeout;
