@@ -201,5 +201,43 @@ TEST_F(Libftdi, WritesTheWholeCountOrFails) {
     bridge.close(h);
 }
 
+// Every call refuses a null handle or output with the vendor's statuses,
+// and a control request the chip refuses says which one failed.
+TEST_F(Libftdi, RefusesNullArgumentsAndNamesTheRequestTheChipRefused) {
+    Chip &chip = attach(0x6001, "C");
+    Handle h = open(0, 10);
+    uint8_t bytes[4] = {};
+    uint32_t n = 0;
+    EXPECT_EQ(bridge.create_device_info_list(nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.get_device_info_list(nullptr, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.open(0, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.write(h, nullptr, 4, &n), kInvalidParameter);
+    EXPECT_EQ(bridge.write(h, bytes, 4, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.write(h, bytes, 0, &n), kOk);
+    EXPECT_EQ(bridge.read(h, nullptr, 4, &n), kInvalidParameter);
+    EXPECT_EQ(bridge.read(h, bytes, 4, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.purge(h, 0), kOk);
+    const Status refused[] = {bridge.set_timeouts(nullptr, 1, 1),
+                              bridge.set_latency_timer(nullptr, 1),
+                              bridge.set_usb_parameters(nullptr, 64, 64),
+                              bridge.purge(nullptr, kPurgeRx),
+                              bridge.reset_device(nullptr),
+                              bridge.write(nullptr, bytes, 1, &n),
+                              bridge.read(nullptr, bytes, 1, &n),
+                              bridge.close(nullptr)};
+    for (Status status : refused) EXPECT_EQ(status, kInvalidHandle);
+
+    chip.control_code = -1;
+    const std::pair<Status, const char *> failed[] = {{bridge.set_latency_timer(h, 1), "latency timer"},
+                                                      {bridge.set_usb_parameters(h, 64, 64), "transfer size"},
+                                                      {bridge.purge(h, kPurgeRx), "purge"},
+                                                      {bridge.reset_device(h), "reset"},
+                                                      {bridge.close(h), "close"}};
+    for (const auto &[status, words] : failed) {
+        EXPECT_EQ(status, kIoError) << words;
+    }
+    EXPECT_NE(bridge.last_error().find("close C"), std::string::npos) << bridge.last_error();
+}
+
 }  // namespace
 }  // namespace kavrel::platform

@@ -30,6 +30,7 @@ struct Chip {
     int strings_code = 0;   // ftdi_usb_get_strings2
     int usb_open_code = 0;  // libusb_open
     int open_code = 0;      // ftdi_usb_open_dev
+    int control_code = 0;   // latency, chunk size, flush, reset and close requests
     double unplug_at = INFINITY;
     std::deque<Packet> packets;
     int opened_interface = -1, flushes = 0, write_timeout = 0;
@@ -85,11 +86,17 @@ inline const FtdiCalls kFake = [] {
         f->max_packet_size = static_cast<unsigned>(chip.packet_size);
         return 0;
     };
-    c.ftdi_usb_close = [](ftdi_context *) { return 0; };
-    c.ftdi_usb_reset = [](ftdi_context *) { return 0; };
-    c.ftdi_tcioflush = [](ftdi_context *f) { return ++chip_of(f->usb_dev).flushes, 0; };
-    c.ftdi_set_latency_timer = [](ftdi_context *, unsigned char) { return 0; };
-    c.ftdi_write_data_set_chunksize = [](ftdi_context *, unsigned) { return 0; };
+    c.ftdi_usb_close = [](ftdi_context *f) { return chip_of(f->usb_dev).control_code; };
+    c.ftdi_usb_reset = [](ftdi_context *f) { return chip_of(f->usb_dev).control_code; };
+    c.ftdi_tcioflush = [](ftdi_context *f) {
+        return ++chip_of(f->usb_dev).flushes, chip_of(f->usb_dev).control_code;
+    };
+    c.ftdi_set_latency_timer = [](ftdi_context *f, unsigned char) {
+        return chip_of(f->usb_dev).control_code;
+    };
+    c.ftdi_write_data_set_chunksize = [](ftdi_context *f, unsigned) {
+        return chip_of(f->usb_dev).control_code;
+    };
     // Accepts at most 8 bytes: longer writes come out short.
     c.ftdi_write_data = [](ftdi_context *f, const unsigned char *, int n) {
         chip_of(f->usb_dev).write_timeout = f->usb_write_timeout;
