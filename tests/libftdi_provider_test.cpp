@@ -172,6 +172,8 @@ TEST_F(Libftdi, OpenFailuresSayWhy) {
         {0, 0, -8, "permission denied"},
         {0, 0, -5, "busy"},
         {-4, LIBUSB_ERROR_NO_DEVICE, -4, "unplugged"},
+        {-1, 0, -4, "could not be opened"},
+        {0, 0, -9, "usb bulk write failed"},
     };
     for (const OpenFailure &c : cases) {
         g_chips.clear();
@@ -199,6 +201,26 @@ TEST_F(Libftdi, WritesTheWholeCountOrFails) {
     EXPECT_NE(bridge.write(h, bytes.data(), 4, &written), kOk);
     EXPECT_EQ(written, 0u);
     bridge.close(h);
+}
+
+TEST_F(Libftdi, WithoutAContextOrABusSearchNothingIsListedOrOpenedAndTheWordsSayWhy) {
+    attach(0x6001, "L");
+    uint32_t n = 99;
+    g_no_context = true;
+    EXPECT_EQ(bridge.create_device_info_list(&n), kDeviceNotOpened);
+    EXPECT_EQ(n, 0u);
+    EXPECT_NE(bridge.last_error().find("could not start libusb"), std::string::npos) << bridge.last_error();
+    g_no_context = false;
+    g_find_all_code = -3;
+    EXPECT_EQ(bridge.create_device_info_list(&n), kIoError);
+    EXPECT_NE(bridge.last_error().find("listing"), std::string::npos) << bridge.last_error();
+    g_find_all_code = 0;
+    EXPECT_EQ(list().size(), 1u);
+    g_no_context = true;
+    Handle h = nullptr;
+    EXPECT_EQ(bridge.open(0, &h), kDeviceNotOpened);
+    EXPECT_EQ(h, nullptr);
+    g_no_context = false;
 }
 
 // Every call refuses a null handle or output with the vendor's statuses,

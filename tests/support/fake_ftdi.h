@@ -48,6 +48,10 @@ struct Chip {
 
 inline Clock g_clock(Clock::Mode::virtual_time);
 inline std::deque<Chip> g_chips;
+// libftdi1 cannot make a context (libusb does not start); the bus cannot be
+// searched (find_all's code when below 0).
+inline bool g_no_context = false;
+inline int g_find_all_code = 0;
 
 inline Chip &chip_of(void *p) {
     return *static_cast<Chip *>(p);
@@ -55,7 +59,7 @@ inline Chip &chip_of(void *p) {
 
 inline const FtdiCalls kFake = [] {
     FtdiCalls c{};
-    c.ftdi_new = [] { return new ftdi_context{}; };
+    c.ftdi_new = [] { return g_no_context ? nullptr : new ftdi_context{}; };
     c.ftdi_free = [](ftdi_context *f) { delete f; };
     c.ftdi_set_interface = [](ftdi_context *f, ftdi_interface i) {
         f->interface = i - INTERFACE_A;
@@ -63,6 +67,7 @@ inline const FtdiCalls kFake = [] {
         return 0;
     };
     c.ftdi_usb_find_all = [](ftdi_context *, ftdi_device_list **list, int vendor, int product) {
+        if (g_find_all_code < 0) return g_find_all_code;
         int n = 0;
         for (auto it = g_chips.rbegin(); it != g_chips.rend(); ++it)
             if (vendor == 0x0403 && it->product == product)
