@@ -29,7 +29,9 @@ echo "== branches"
 gcovr "${options[@]}" "${filters[@]}" --txt --branches
 for root in "${roots[@]}"; do
   echo "== $root"
-  gcovr "${options[@]}" --filter "$root" --print-summary -o /dev/null
+  # gcovr replaces its output file (it must never be /dev/null): write the
+  # report it is not asked for into the build folder.
+  gcovr "${options[@]}" --filter "$root" --print-summary -o "$build/coverage-${root%/}.txt"
 done
 if [ -n "${COVERAGE_HTML:-}" ]; then
   gcovr "${options[@]}" "${filters[@]}" --html-details "$build/coverage.html"
