@@ -10,118 +10,13 @@
 #include <vector>
 
 #include "platform/libftdi_provider.h"
+#include "support/fake_ftdi.h"
 
 namespace kavrel::platform {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using namespace libftdi_status;
-
-struct Packet {
-    double at_ms;
-    Bytes raw;  // two status bytes, then payload
-};
-
-struct Chip {
-    uint16_t product = 0x6001;
-    std::string serial, description;
-    size_t packet_size = 64;
-    int strings_code = 0;   // ftdi_usb_get_strings2
-    int usb_open_code = 0;  // libusb_open
-    int open_code = 0;      // ftdi_usb_open_dev
-    double unplug_at = INFINITY;
-    std::deque<Packet> packets;
-    int opened_interface = -1, flushes = 0, write_timeout = 0;
-    std::vector<int> endpoints;
-
-    // Payload bytes 0, 1, 2, ... from first, sent at at_ms in full packets.
-    void send(double at_ms, size_t count, uint8_t first = 0) {
-        for (size_t i = 0; i < count;) {
-            Bytes raw = {0x01, 0x60};
-            for (; raw.size() < packet_size && i < count; ++i) raw.push_back(static_cast<uint8_t>(first + i));
-            packets.push_back({at_ms, raw});
-        }
-    }
-};
-
-Clock g_clock(Clock::Mode::virtual_time);
-std::deque<Chip> g_chips;
-
-Chip &chip_of(void *p) { return *static_cast<Chip *>(p); }
-
-const FtdiCalls kFake = [] {
-    FtdiCalls c{};
-    c.ftdi_new = [] { return new ftdi_context{}; };
-    c.ftdi_free = [](ftdi_context *f) { delete f; };
-    c.ftdi_set_interface = [](ftdi_context *f, ftdi_interface i) {
-        f->interface = i - INTERFACE_A;
-        f->out_ep = 0x81 + 2 * f->interface;
-        return 0;
-    };
-    c.ftdi_usb_find_all = [](ftdi_context *, ftdi_device_list **list, int vendor, int product) {
-        int n = 0;
-        for (auto it = g_chips.rbegin(); it != g_chips.rend(); ++it)
-            if (vendor == 0x0403 && it->product == product)
-                *list = new ftdi_device_list{*list, reinterpret_cast<libusb_device *>(&*it)}, ++n;
-        return n;
-    };
-    c.ftdi_list_free = [](ftdi_device_list **list) {
-        while (*list != nullptr) delete std::exchange(*list, (*list)->next);
-    };
-    c.ftdi_usb_get_strings2 = [](ftdi_context *, libusb_device *d, char *, int, char *desc, int, char *ser, int) {
-        snprintf(desc, 128, "%s", chip_of(d).description.c_str());
-        snprintf(ser, 128, "%s", chip_of(d).serial.c_str());
-        return chip_of(d).strings_code;
-    };
-    c.ftdi_usb_open_dev = [](ftdi_context *f, libusb_device *d) {
-        Chip &chip = chip_of(d);
-        if (chip.open_code != 0) return chip.open_code;
-        chip.opened_interface = f->interface;
-        f->usb_dev = reinterpret_cast<libusb_device_handle *>(d);
-        f->max_packet_size = static_cast<unsigned>(chip.packet_size);
-        return 0;
-    };
-    c.ftdi_usb_close = [](ftdi_context *) { return 0; };
-    c.ftdi_usb_reset = [](ftdi_context *) { return 0; };
-    c.ftdi_tcioflush = [](ftdi_context *f) { return ++chip_of(f->usb_dev).flushes, 0; };
-    c.ftdi_set_latency_timer = [](ftdi_context *, unsigned char) { return 0; };
-    c.ftdi_write_data_set_chunksize = [](ftdi_context *, unsigned) { return 0; };
-    // Accepts at most 8 bytes: longer writes come out short.
-    c.ftdi_write_data = [](ftdi_context *f, const unsigned char *, int n) {
-        chip_of(f->usb_dev).write_timeout = f->usb_write_timeout;
-        return chip_of(f->usb_dev).unplug_at <= g_clock.now_ms() ? -1 : std::min(n, 8);
-    };
-    c.ftdi_get_error_string = [](ftdi_context *) { return "usb bulk write failed"; };
-    c.libusb_open = [](libusb_device *d, libusb_device_handle **) { return chip_of(d).usb_open_code; };
-    c.libusb_close = [](libusb_device_handle *) {};
-    // A bulk IN transfer: takes packets as they arrive until the buffer is
-    // full or a short packet ends it, else times out with what it took.
-    c.libusb_bulk_transfer = [](libusb_device_handle *h, unsigned char ep, unsigned char *buf, int size, int *done,
-                                unsigned timeout) {
-        Chip &chip = chip_of(h);
-        chip.endpoints.push_back(ep);
-        const double deadline = g_clock.now_ms() + timeout;
-        for (*done = 0;;) {
-            const double next = chip.packets.empty() ? INFINITY : chip.packets.front().at_ms;
-            if (chip.unplug_at <= std::min(next, deadline)) {
-                g_clock.advance_to(chip.unplug_at);
-                return static_cast<int>(LIBUSB_ERROR_NO_DEVICE);
-            }
-            if (next > deadline) {
-                g_clock.advance_to(deadline);
-                return static_cast<int>(LIBUSB_ERROR_TIMEOUT);
-            }
-            g_clock.advance_to(next);
-            const Bytes raw = chip.packets.front().raw;
-            chip.packets.pop_front();
-            std::copy(raw.begin(), raw.end(), buf + *done);
-            *done += static_cast<int>(raw.size());
-            if (raw.size() < chip.packet_size || *done == size) return 0;
-        }
-    };
-    c.libusb_strerror = [](int) { return "other"; };
-    return c;
-}();
+using namespace fake_ftdi;
 
 class Libftdi : public ::testing::Test {
 protected:
@@ -277,6 +172,8 @@ TEST_F(Libftdi, OpenFailuresSayWhy) {
         {0, 0, -8, "permission denied"},
         {0, 0, -5, "busy"},
         {-4, LIBUSB_ERROR_NO_DEVICE, -4, "unplugged"},
+        {-1, 0, -4, "could not be opened"},
+        {0, 0, -9, "usb bulk write failed"},
     };
     for (const OpenFailure &c : cases) {
         g_chips.clear();
@@ -304,6 +201,64 @@ TEST_F(Libftdi, WritesTheWholeCountOrFails) {
     EXPECT_NE(bridge.write(h, bytes.data(), 4, &written), kOk);
     EXPECT_EQ(written, 0u);
     bridge.close(h);
+}
+
+TEST_F(Libftdi, WithoutAContextOrABusSearchNothingIsListedOrOpenedAndTheWordsSayWhy) {
+    attach(0x6001, "L");
+    uint32_t n = 99;
+    g_no_context = true;
+    EXPECT_EQ(bridge.create_device_info_list(&n), kDeviceNotOpened);
+    EXPECT_EQ(n, 0u);
+    EXPECT_NE(bridge.last_error().find("could not start libusb"), std::string::npos) << bridge.last_error();
+    g_no_context = false;
+    g_find_all_code = -3;
+    EXPECT_EQ(bridge.create_device_info_list(&n), kIoError);
+    EXPECT_NE(bridge.last_error().find("listing"), std::string::npos) << bridge.last_error();
+    g_find_all_code = 0;
+    EXPECT_EQ(list().size(), 1u);
+    g_no_context = true;
+    Handle h = nullptr;
+    EXPECT_EQ(bridge.open(0, &h), kDeviceNotOpened);
+    EXPECT_EQ(h, nullptr);
+    g_no_context = false;
+}
+
+// Every call refuses a null handle or output with the vendor's statuses,
+// and a control request the chip refuses says which one failed.
+TEST_F(Libftdi, RefusesNullArgumentsAndNamesTheRequestTheChipRefused) {
+    Chip &chip = attach(0x6001, "C");
+    Handle h = open(0, 10);
+    uint8_t bytes[4] = {};
+    uint32_t n = 0;
+    EXPECT_EQ(bridge.create_device_info_list(nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.get_device_info_list(nullptr, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.open(0, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.write(h, nullptr, 4, &n), kInvalidParameter);
+    EXPECT_EQ(bridge.write(h, bytes, 4, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.write(h, bytes, 0, &n), kOk);
+    EXPECT_EQ(bridge.read(h, nullptr, 4, &n), kInvalidParameter);
+    EXPECT_EQ(bridge.read(h, bytes, 4, nullptr), kInvalidParameter);
+    EXPECT_EQ(bridge.purge(h, 0), kOk);
+    const Status refused[] = {bridge.set_timeouts(nullptr, 1, 1),
+                              bridge.set_latency_timer(nullptr, 1),
+                              bridge.set_usb_parameters(nullptr, 64, 64),
+                              bridge.purge(nullptr, kPurgeRx),
+                              bridge.reset_device(nullptr),
+                              bridge.write(nullptr, bytes, 1, &n),
+                              bridge.read(nullptr, bytes, 1, &n),
+                              bridge.close(nullptr)};
+    for (Status status : refused) EXPECT_EQ(status, kInvalidHandle);
+
+    chip.control_code = -1;
+    const std::pair<Status, const char *> failed[] = {{bridge.set_latency_timer(h, 1), "latency timer"},
+                                                      {bridge.set_usb_parameters(h, 64, 64), "transfer size"},
+                                                      {bridge.purge(h, kPurgeRx), "purge"},
+                                                      {bridge.reset_device(h), "reset"},
+                                                      {bridge.close(h), "close"}};
+    for (const auto &[status, words] : failed) {
+        EXPECT_EQ(status, kIoError) << words;
+    }
+    EXPECT_NE(bridge.last_error().find("close C"), std::string::npos) << bridge.last_error();
 }
 
 }  // namespace

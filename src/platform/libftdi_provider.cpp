@@ -6,6 +6,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 namespace kavrel::platform {
@@ -119,6 +120,9 @@ Status LibftdiBridge::create_device_info_list(uint32_t *count) {
     *count = 0;
     std::lock_guard<std::mutex> lock(list_mutex_);
     free_list();
+    // Room for every list before the first is taken: a list found must
+    // never be lost to a heap that refuses to keep it.
+    found_.reserve(std::size(kFtdiProducts));
     if (lister_ == nullptr) lister_ = calls_.ftdi_new();
     if (lister_ == nullptr) return fail(kDeviceNotOpened, "libftdi1 could not start libusb");
     Status status = kOk;
@@ -154,7 +158,11 @@ Status LibftdiBridge::open(int index, Handle *handle) {
     if (index < 0 || static_cast<size_t>(index) >= listed_.size())
         return fail(kDeviceNotFound, "open: no bridge at list position " + std::to_string(index));
     const Listed &chip = listed_[static_cast<size_t>(index)];
-    const std::string name = chip.entry.serial_number[0] != '\0' ? chip.entry.serial_number : "bridge";
+    // The port comes first: a heap that refuses it must find nothing of the
+    // device taken yet.
+    auto port = std::make_unique<Port>();
+    port->name = chip.entry.serial_number[0] != '\0' ? chip.entry.serial_number : "bridge";
+    const std::string &name = port->name;
     ftdi_context *ftdi = calls_.ftdi_new();
     if (ftdi == nullptr) return fail(kDeviceNotOpened, "open " + name + ": libftdi1 could not start libusb");
     calls_.ftdi_set_interface(ftdi, chip.interface);
@@ -172,9 +180,7 @@ Status LibftdiBridge::open(int index, Handle *handle) {
         calls_.ftdi_free(ftdi);
         return fail(kDeviceNotOpened, "open " + name + ": " + words);
     }
-    auto port = std::make_unique<Port>();
     port->ftdi = ftdi;
-    port->name = name;
     // libftdi1 names the endpoints from the chip's side: its out_ep is the
     // endpoint that brings the chip's data in to the host.
     port->endpoint = static_cast<unsigned char>(ftdi->out_ep);

@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 
 #include "platform/platform.h"
 
 namespace kavrel::platform {
 
-Clock::Clock(Mode mode) : mode_(mode), virtual_ms_(host_now_ms()) {}
+// Virtual time starts on a whole millisecond: whole and quarter milliseconds
+// then add and subtract exactly, so a limit of 120000 ms is exactly 120000 ms
+// on this clock, not one rounding step more or less.
+Clock::Clock(Mode mode) : mode_(mode), virtual_ms_(std::floor(host_now_ms())) {}
 
 Clock::Mode Clock::mode() const {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -2,9 +2,8 @@
 // call.
 //
 // Every such buffer comes from allocate_transfer(), so an exhausted heap takes
-// the same road everywhere (the operation returns -5), and a test can make any
-// one allocation fail. A transfer_buffer frees its memory when it goes out of
-// scope, so no return path can leak it.
+// the same road everywhere (the operation returns -5). A transfer_buffer frees
+// its memory when it goes out of scope, so no return path can leak it.
 #ifndef KAVREL_SPECTRAL_TRANSFER_BUFFER_H
 #define KAVREL_SPECTRAL_TRANSFER_BUFFER_H
 
@@ -42,14 +41,9 @@ private:
     size_t count_ = 0;
 };
 
-// For tests: exhausting the heap on demand and counting what is held.
+// For tests: transfer buffers asked for since the process started.
 namespace transfer_hooks {
-// Makes the nth allocation from now fail (1: the next one); 0 fails none.
-void fail_nth_allocation(int nth);
-// Allocations attempted since the process started.
 int allocations_attempted();
-// Buffers allocated and not yet released.
-int buffers_live();
 }  // namespace transfer_hooks
 
 }  // namespace kavrel

@@ -1,0 +1,147 @@
+// The fuzz targets' bridge: instruments that answer every request with bytes
+// the fuzzer chose, cut into chunks that arrive when the fuzzer says, on the
+// timing engine in virtual time.
+//
+// The reply stream is a run of chunks. Each chunk is one control byte, a
+// 16-bit big-endian length and that many bytes. The control byte's low seven
+// bits d delay the chunk by d * d / 4 ms after the previous one (up to about
+// four seconds: past every read limit and quiet time but the spectrum's);
+// its top bit ends the reply to the current write. Two lengths are faults
+// instead of bytes: kFailRead makes the bridge's next read fail, kShortWrite
+// makes the current write report one byte fewer than it was given. When the
+// stream runs out the instruments fall silent.
+#ifndef KAVREL_FUZZ_FUZZ_BRIDGE_H
+#define KAVREL_FUZZ_FUZZ_BRIDGE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "platform/platform.h"
+#include "platform/timing_engine.h"
+
+namespace kavrel::fuzz {
+
+constexpr uint16_t kFailRead = 0xFFFF;
+constexpr uint16_t kShortWrite = 0xFFFE;
+constexpr uint8_t kEndOfReply = 0x80;
+
+// The fuzzer's bytes, read front to back; past the end every read gives 0.
+class Input {
+public:
+    Input(const uint8_t *data, size_t size) : p_(data), left_(size) {}
+    bool empty() const { return left_ == 0; }
+    uint8_t byte();
+    uint16_t be16();
+    uint32_t be32();
+    // Up to n bytes; n is cut to what was there.
+    const uint8_t *take(size_t &n);
+
+private:
+    const uint8_t *p_;
+    size_t left_;
+};
+
+class FuzzBridge {
+public:
+    // bridges are listed (their serials "FZ0000", "FZ0001", ...); every
+    // reply comes from replies. Installs itself as the provider in force.
+    FuzzBridge(int bridges, Input replies);
+    // Closes every device and puts the build's default provider back.
+    ~FuzzBridge();
+    FuzzBridge(const FuzzBridge &) = delete;
+    FuzzBridge &operator=(const FuzzBridge &) = delete;
+
+    double now() const { return clock_.now_ms(); }
+    // Schedules the next reply of the stream on bridge index as though a
+    // request had been written to it.
+    void send_unasked(int index) { schedule(ports_[static_cast<size_t>(index)], nullptr); }
+
+    platform::Status create_device_info_list(uint32_t *count);
+    platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
+    platform::Status open(int index, platform::Handle *handle);
+    platform::Status close(platform::Handle handle);
+    platform::Status set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms);
+    platform::Status set_latency_timer(platform::Handle, uint8_t) { return platform::kOk; }
+    platform::Status set_usb_parameters(platform::Handle, uint32_t, uint32_t) { return platform::kOk; }
+    platform::Status purge(platform::Handle handle, uint32_t mask);
+    platform::Status reset_device(platform::Handle) { return platform::kOk; }
+    platform::Status write(platform::Handle handle, const void *bytes, uint32_t count, uint32_t *written);
+    platform::Status read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned);
+    double now_ms() { return clock_.now_ms(); }
+    void sleep_ms(uint32_t ms) { clock_.sleep_ms(ms); }
+
+private:
+    struct Port {
+        explicit Port(platform::Clock &clock) : inbox(clock) {}
+        platform::Inbox inbox;
+        uint32_t read_limit_ms = 5000;
+        bool open = false;
+        bool fail_next_read = false;
+    };
+    Port &port(platform::Handle handle);
+    // Takes the next reply from the stream into p's inbox; a short write
+    // lowers *written.
+    void schedule(Port &p, uint32_t *written);
+
+    platform::Clock clock_{platform::Clock::Mode::virtual_time};
+    std::deque<Port> ports_;
+    Input replies_;
+    platform::Platform table_;
+};
+
+// A broken promise of the library: stops the run where the fuzzer sees it.
+inline void require(bool promise) {
+    if (!promise) __builtin_trap();
+}
+
+// A caller's output: exactly n elements on the heap, so that a write past
+// them is caught, filled with a pattern, so that a failed call can be shown
+// to have left them alone.
+template <typename T>
+class Output {
+public:
+    explicit Output(size_t n) : n_(n), data_(new T[n]) { std::memset(data_.get(), kPattern, n * sizeof(T)); }
+    T *get() const { return data_.get(); }
+    size_t size() const { return n_; }
+    bool untouched() const {
+        const auto *bytes = reinterpret_cast<const uint8_t *>(data_.get());
+        for (size_t i = 0; i < n_ * sizeof(T); ++i)
+            if (bytes[i] != kPattern) return false;
+        return true;
+    }
+
+private:
+    static constexpr uint8_t kPattern = 0xA5;
+    size_t n_;
+    std::unique_ptr<T[]> data_;
+};
+
+// Building inputs: the seeds of each target's corpus, written by the replay
+// program, start the fuzzer from exchanges an instrument would make.
+using Bytes = std::vector<uint8_t>;
+struct Seed {
+    const char *name;
+    Bytes bytes;
+};
+// Every target defines its seeds.
+std::vector<Seed> seeds();
+
+void put_be32(Bytes &out, uint32_t value);
+// One chunk of the reply stream.
+void put_chunk(Bytes &stream, const Bytes &bytes, uint8_t delay_code = 0, bool last = true);
+// A CM2 reply acknowledging a request at reg and address with data.
+Bytes cm2_answer(uint8_t reg, uint32_t address, const Bytes &data);
+// An NIR reply: acknowledge, data, CRC-16.
+Bytes nir_answer(const Bytes &data);
+
+// The fuzz targets print through the library's trace functions and the
+// bridge listing: their output goes nowhere.
+void silence_stdout();
+
+}  // namespace kavrel::fuzz
+
+#endif

@@ -1,0 +1,286 @@
+// Every allocation the library makes, made to fail in turn, in every device
+// operation and both protocols: the call returns -5, writes nothing, keeps
+// the slot's caches, leaks nothing, and the device answers the same call
+// correctly afterwards.
+//
+// A program of its own, since it replaces the global allocation functions:
+// they count (and fail) only what the library allocates during an operation,
+// not what the test or the fake instrument behind the provider allocate.
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "support/device_fixture.h"
+#include "support/every_operation.h"
+#ifdef KAVREL_WITH_LIBFTDI
+#include "support/fake_ftdi.h"
+#endif
+#include "support/spectral_model.h"
+
+namespace {
+
+thread_local int t_counting = 0;  // > 0 while the library runs for the test
+int g_counted = 0;                // allocations counted since the last reset
+int g_fail_at = 0;                // the counted allocation that fails; 0: none
+// The counted allocations not yet freed.
+void *g_live[64];
+int g_live_count = 0;
+
+void *allocate(size_t bytes) {
+    const bool counted = t_counting > 0;
+    if (counted && ++g_counted == g_fail_at) return nullptr;
+    void *memory = std::malloc(bytes > 0 ? bytes : 1);
+    if (counted && memory != nullptr && g_live_count < 64) g_live[g_live_count++] = memory;
+    return memory;
+}
+
+void release(void *memory) {
+    for (int i = 0; i < g_live_count; ++i)
+        if (g_live[i] == memory) g_live[i] = g_live[--g_live_count];
+    std::free(memory);
+}
+
+}  // namespace
+
+void *operator new(size_t bytes) {
+    if (void *memory = allocate(bytes)) return memory;
+    throw std::bad_alloc();
+}
+void *operator new[](size_t bytes) {
+    return operator new(bytes);
+}
+void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
+    return allocate(bytes);
+}
+void *operator new[](size_t bytes, const std::nothrow_t &) noexcept {
+    return allocate(bytes);
+}
+void operator delete(void *memory) noexcept {
+    release(memory);
+}
+void operator delete[](void *memory) noexcept {
+    release(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+    release(memory);
+}
+void operator delete[](void *memory, size_t) noexcept {
+    release(memory);
+}
+
+namespace kavrel::test {
+namespace {
+
+struct Counting {
+    Counting() { ++t_counting; }
+    ~Counting() { --t_counting; }
+};
+struct Paused {
+    Paused() { --t_counting; }
+    ~Paused() { ++t_counting; }
+};
+
+// Stands in front of the fake bridge and stops the count for every call
+// into it: the fake instrument's allocations are not the library's.
+struct Uncounted : platform::Forwarder {
+    using Forwarder::Forwarder;
+    platform::Status create_device_info_list(uint32_t *n) {
+        Paused p;
+        return Forwarder::create_device_info_list(n);
+    }
+    platform::Status get_device_info_list(platform::BridgeEntry *e, uint32_t *n) {
+        Paused p;
+        return Forwarder::get_device_info_list(e, n);
+    }
+    platform::Status open(int i, platform::Handle *h) {
+        Paused p;
+        return Forwarder::open(i, h);
+    }
+    platform::Status close(platform::Handle h) {
+        Paused p;
+        return Forwarder::close(h);
+    }
+    platform::Status set_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
+        Paused p;
+        return Forwarder::set_timeouts(h, r, w);
+    }
+    platform::Status set_latency_timer(platform::Handle h, uint8_t ms) {
+        Paused p;
+        return Forwarder::set_latency_timer(h, ms);
+    }
+    platform::Status set_usb_parameters(platform::Handle h, uint32_t i, uint32_t o) {
+        Paused p;
+        return Forwarder::set_usb_parameters(h, i, o);
+    }
+    platform::Status reset_device(platform::Handle h) {
+        Paused p;
+        return Forwarder::reset_device(h);
+    }
+    platform::Status purge(platform::Handle h, uint32_t m) {
+        Paused p;
+        return Forwarder::purge(h, m);
+    }
+    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
+        Paused p;
+        return Forwarder::write(h, b, n, w);
+    }
+    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
+        Paused p;
+        return Forwarder::read(h, b, n, r);
+    }
+    void sleep_ms(uint32_t ms) {
+        Paused p;
+        Forwarder::sleep_ms(ms);
+    }
+};
+
+// Listing and opening again, besides the device operations.
+const Operation kTableOperations[] = {
+    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }, false,
+     false},
+    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }, false,
+     false},
+};
+
+// An instrument that answers every request: the spectral model for tables,
+// spectra and pages, and for every other query the words asked for, each
+// with 0xAA in byte 1 (the handshake's done mark).
+struct AnyInstrument {
+    SpectralModel model;
+    std::vector<Chunk> answer(const Bytes &written, bool nir) const {
+        if (nir) {
+            const bool spectral =
+                written[0] == 0x53 || (written[0] == 0x3F && (written[1] == 0x53 || written[1] == 0xAF));
+            return spectral ? model.answer_nir(written) : at_once(nir_reply(Bytes(40, 0xAA)));
+        }
+        const uint8_t reg = written[21];
+        const uint32_t address = static_cast<uint32_t>(written[22]) << 16 | load_be16(&written[23]);
+        if (written[13] != 0x0D || reg == 0xC5 || reg == 0xC6 || reg == 0xC7 ||
+            (reg == 0xC2 && address == 0x0B))
+            return model.answer_cm2(written);
+        return at_once(cm2_reply(reg, address, Bytes(4u * load_be16(&written[15]), 0xAA)));
+    }
+};
+
+class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {
+protected:
+    AnyInstrument instrument;
+    Uncounted uncounted{platform::current()};
+    platform::Platform table = platform::provider_table("uncounted", uncounted);
+
+    void SetUp() override {
+        DeviceTest::SetUp();
+        use_provider(&table);
+        instrument.model.table = {400, 410, 420, 430, 440};
+        instrument.model.spectrum = {10, 11, 12, 13, 14};
+        const int device = GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001");
+        bridge.instrument(device).responder = [this](const Bytes &written) {
+            return instrument.answer(written, GetParam());
+        };
+    }
+    void TearDown() override {
+        g_fail_at = 0;
+        DeviceTest::TearDown();
+    }
+
+    // The state every call starts from: no point count cached, points 1 to
+    // 3 selected, the library's first-use statics already made.
+    void prepare() {
+        active().wavelength_count = 0;
+        active().selection_valid = 1;
+        active().start_index = 1;
+        active().end_index = 3;
+        active().selected_count = 3;
+    }
+
+    // Runs the operation with the nth allocation failing (0: none).
+    int32_t run(const Operation &op, Outputs &out, int nth) {
+        prepare();
+        out.fill();
+        g_counted = g_live_count = 0;
+        g_fail_at = nth;
+        Counting counting;
+        return op.call(out);
+    }
+
+    void fail_each_allocation_in_turn(const Operation &op) {
+        SCOPED_TRACE(op.name);
+        const auto expected = std::make_unique<Outputs>(), out = std::make_unique<Outputs>();
+        const int32_t result = run(op, *expected, 0);
+        ASSERT_TRUE(result >= 0 || result == KAVREL_DIRECT_ERR_UNSUPPORTED) << result;
+        const int allocations = g_counted;
+        EXPECT_EQ(g_live_count, 0) << "kept after success";
+
+        for (int nth = 1; nth <= allocations; ++nth) {
+            SCOPED_TRACE(nth);
+            EXPECT_EQ(run(op, *out, nth), KAVREL_DIRECT_ERR_INVALID_ARG);
+            EXPECT_EQ(g_counted, nth) << "went on after the failed allocation";
+            EXPECT_EQ(g_live_count, 0) << "leaked";
+            EXPECT_TRUE(out->untouched()) << "output written on failure";
+            EXPECT_EQ(active().selection_valid, 1u);
+            EXPECT_EQ(active().start_index, 1);
+            EXPECT_EQ(active().selected_count, 3);
+
+            EXPECT_EQ(run(op, *out, 0), result) << "the device does not answer afterwards";
+            EXPECT_TRUE(*out == *expected) << "the next answer differs";
+        }
+    }
+};
+
+TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards) {
+    for (const Operation &op : kTableOperations) fail_each_allocation_in_turn(op);
+    for (const Operation &op : kEveryOperation) fail_each_allocation_in_turn(op);
+}
+
+#ifdef KAVREL_WITH_LIBFTDI
+// The libftdi1 provider allocates as it lists, opens and reads; an exhausted
+// heap may end any of its calls with an exception, which the library's frame
+// turns into -5. Whatever it took of the USB devices (a libftdi1 context, a
+// device list) must be given back all the same. The stand-ins' own
+// allocations count too: they stand for libftdi1's and libusb's.
+TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
+    using namespace platform;
+    using namespace platform::fake_ftdi;
+    g_chips.emplace_back().product = 0x6010;  // two interfaces, two bridges
+    bool completed = false;
+    for (int nth = 1; !completed; ++nth) {
+        SCOPED_TRACE(nth);
+        // The stand-in's own records must not grow while the count runs.
+        g_chips.back().endpoints.reserve(16);
+        g_chips.back().packets.clear();
+        g_chips.back().send(g_clock.now_ms() + 1, 100);
+        {
+            LibftdiBridge bridge(kFake, g_clock);
+            Handle h = nullptr;
+            g_counted = g_live_count = 0;
+            g_fail_at = nth;
+            try {
+                Counting counting;
+                uint32_t n = 0, done = 0;
+                uint8_t bytes[8] = {};
+                bridge.create_device_info_list(&n);
+                if (bridge.open(1, &h) == kOk) {
+                    bridge.set_usb_parameters(h, 65536, 65536);
+                    bridge.write(h, bytes, 4, &done);
+                    bridge.read(h, bytes, sizeof bytes, &done);
+                }
+            } catch (const std::bad_alloc &) {
+            }
+            completed = g_counted < nth;
+            g_fail_at = 0;
+            if (h != nullptr) bridge.close(h);
+        }
+        EXPECT_EQ(g_live_count, 0) << "kept after a failed allocation";
+    }
+    g_chips.clear();
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &info) {
+                             return info.param ? "Nir" : "Cm2";
+                         });
+
+}  // namespace
+}  // namespace kavrel::test
