@@ -3,11 +3,14 @@
 //
 // Each attached bridge plays a script: every write the library makes takes
 // the next step, is compared with the bytes the step expects (a mismatch
-// fails the test with both sides dumped in hex), and schedules the step's
-// reply chunks in the bridge's inbox. Reads, purges and the clock are the
-// engine's, so a two-minute time limit runs in microseconds. Every bridge
-// call is recorded with its arguments and the virtual time it began at, so
-// tests assert the exact traffic, its order and the limits set.
+// fails the test with both sides in hex), and schedules the step's reply
+// chunks in the bridge's inbox. Reads, purges and the clock are the engine's,
+// so a two-minute time limit runs in microseconds. Every bridge call is
+// recorded with its arguments, so a test states the traffic as one line
+// (trace()).
+//
+// The request and reply bytes below come from an encoder of the tests' own,
+// CRCs included, so a fault in the library's codec cannot hide in both sides.
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
@@ -31,12 +34,11 @@ using Bytes = std::vector<uint8_t>;
 std::string hex(const Bytes &bytes);
 
 struct BridgeCall {
-    std::string name;  // "open", "close", "set_timeouts", "purge", "write", "read", "sleep", ...
+    std::string name;  // list, entries, open, close, timeouts, latency, usb, purge, reset, write, read, sleep
     int device = -1;   // index of the bridge, -1 for listing and sleeps
-    double at_ms = 0;  // virtual time the call began
-    uint32_t a = 0;    // first numeric argument (read limit, mask, count asked, ms)
-    uint32_t b = 0;    // second numeric argument (write limit, ...)
-    Bytes bytes;       // bytes written, or bytes a read returned
+    uint32_t a = 0;    // first numeric argument (count asked, mask, limit, ms)
+    uint32_t b = 0;    // second (write limit; bytes a read returned)
+    Bytes bytes;       // bytes written
 };
 
 struct Chunk {
@@ -57,11 +59,7 @@ struct FakeInstrument {
     std::deque<Step> script;
     // Answers writes once the script is used up; none: silence.
     std::function<std::vector<Chunk>(const Bytes &)> responder;
-    // Fail the read made after this many successful reads (-1: never).
-    int fail_read_after = -1;
-
-    // Bookkeeping of the fake itself.
-    bool open = false;
+    int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
     std::unique_ptr<platform::Inbox> inbox;
     int reads_done = 0;
@@ -78,13 +76,10 @@ public:
     // Attaches a bridge; returns its list position.
     int attach(const std::string &serial);
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
-
-    // Scripting shorthands on bridge index.
     FakeBridge &expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
     FakeBridge &reply_any(int index, std::vector<Chunk> reply);
 
     double now() const { return clock_.now_ms(); }
-    void advance(double ms) { clock_.sleep_ms(ms); }
 
     // Reads of bridge index block (for real, on any thread) from now until
     // release(); wait_for_held_read() returns once one is blocked.
@@ -93,22 +88,18 @@ public:
     void wait_for_held_read();
 
     std::vector<BridgeCall> calls;
-    // The calls of one name, in order.
     std::vector<BridgeCall> calls_named(const std::string &name) const;
-    // Concatenation of every write's bytes.
-    Bytes written() const;
+    // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28"
+    // (a read shows the count asked and the count returned); a call or pair
+    // of calls repeated in a row shows once with " xN".
+    std::string trace() const;
     void clear_calls() { calls.clear(); }
-    // Steps still waiting in the scripts: a test that ends with some left
-    // expected traffic that never came.
+    // Steps still waiting: traffic that was expected and never came.
     size_t unplayed_steps() const;
 
     uint32_t create_status = 0;
     uint32_t get_status = 0;
     uint32_t open_status = 0;
-
-    const platform::Platform &platform() const { return platform_; }
-    // Every call the provider received, whatever clear_calls() dropped.
-    size_t total_calls() const { return total_calls_; }
 
     // The provider's calls, filled into the table by name.
     platform::Status create_device_info_list(uint32_t *count);
@@ -128,30 +119,28 @@ public:
 private:
     int index_of(platform::Handle handle) const;
     void record(BridgeCall call);
-    void schedule(FakeInstrument &device, const std::vector<Chunk> &reply);
 
     platform::Clock clock_{platform::Clock::Mode::virtual_time};
     std::deque<FakeInstrument> instruments_;
     platform::Platform platform_{};
-    size_t total_calls_ = 0;
     // With KAVREL_TEST_WRAPPED_PROVIDER set, a forwarding wrapper stands in
     // front of the fake, and every test must pass through it unchanged.
-    struct Counter;
-    std::unique_ptr<Counter> wrapper_;
+    std::unique_ptr<platform::Forwarder> wrapper_;
     platform::Platform wrapped_{};
     std::mutex mutex_;  // calls and holds, for tests with several threads
     std::condition_variable held_changed_;
     int held_reads_ = 0;
 };
 
-// Reply and request builders.
-Bytes nir_frame(const Bytes &command);                   // command + CRC-16
-Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);  // ack + data + CRC-16
+// CM2 packets: a query of words, a write of data (padded to whole words),
+// and a reply as an instrument sends it (service E0 with data, EA without).
 Bytes cm2_query_bytes(uint8_t reg, uint32_t address, uint16_t words);
 Bytes cm2_write_bytes(uint8_t reg, uint32_t address, const Bytes &data);
-// A CM2 reply as an instrument sends it: SRV E0 (data) or EA (no data).
 Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_code = 0xAC);
-// Whole chunk, arriving at once.
+// NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
+Bytes nir_frame(const Bytes &command);
+Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
+// The whole reply, arriving at once.
 inline std::vector<Chunk> at_once(const Bytes &bytes) {
     return {Chunk{bytes, 0}};
 }
