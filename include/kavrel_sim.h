@@ -75,6 +75,12 @@ typedef struct kavrel_sim_config {
     uint64_t seed;             /* seeds the instrument's noise */
 } kavrel_sim_config;
 
+/* Other languages declare the records field by field: their layout is
+ * fixed, with no padding anywhere. */
+KAVREL_DIRECT_LAYOUT_CHECK(sim_config_size, sizeof(kavrel_sim_config) == 240);
+KAVREL_DIRECT_LAYOUT_CHECK(sim_config_coefficients, offsetof(kavrel_sim_config, coefficients) == 192);
+KAVREL_DIRECT_LAYOUT_CHECK(sim_config_seed, offsetof(kavrel_sim_config, seed) == 232);
+
 /** The default configuration of an instrument kind: a CM2 instrument has
  *  2048 points over about 190 to 1100 nm, a NIR instrument 256 points over
  *  about 900 to 1700 nm. The chip serial is left for the caller to set.
@@ -129,6 +135,7 @@ typedef struct kavrel_sim_fault {
     uint32_t parameter; /* milliseconds, bytes or reply code, as the kind says */
     uint32_t reserved;  /* 0 */
 } kavrel_sim_fault;
+KAVREL_DIRECT_LAYOUT_CHECK(sim_fault_size, sizeof(kavrel_sim_fault) == 16);
 
 /** Results: 0; -5 null argument or unknown kind; -2 no such bridge. */
 KAVREL_DIRECT_API int32_t kavrel_sim_inject_fault(const char *chip_serial, const kavrel_sim_fault *fault);
@@ -156,6 +163,7 @@ typedef struct kavrel_sim_scene {
     double line_level;      /* counts per ms of integration at the peak of the strongest line
                                the instrument sees, 0 or more */
 } kavrel_sim_scene;
+KAVREL_DIRECT_LAYOUT_CHECK(sim_scene_size, sizeof(kavrel_sim_scene) == 24);
 
 /** The scene of one bridge's instrument, or of every attached one when
  *  chip_serial is null; bridges attached later start with the default scene.

@@ -3,13 +3,17 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang pkg-config binutils
+          # The libftdi1 provider's headers; the libraries load at run time.
+          libftdi1-dev libusb-1.0-0-dev
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
           # The simulated instruments' stream server parses its options with it.
           libcli11-dev
           # The Windows stage: the 64-bit mingw-w64 C and C++ cross compilers
           # with posix threads (std::mutex needs them), and wine to run the
           # tests.
-          g++-mingw-w64-x86-64-posix wine64 wine)
+          g++-mingw-w64-x86-64-posix wine64 wine
+          # The Python package and its tests (Debian's /usr/bin/python3).
+          python3-numpy python3-matplotlib python3-pytest)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -44,6 +44,23 @@ configure_and_test() {
 stage "g++"
 configure_and_test build/gcc -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
 
+stage "Python: the kavrel package against the g++ build's libraries"
+python_log=build/gcc/pytest.log
+if bash scripts/test-python.sh build/gcc | tee "$python_log"; then :; fi
+# pytest closes with "N passed" and, when some failed, "N failed".
+python_passed=$(grep -oE '[0-9]+ passed' "$python_log" | tail -n 1 | cut -d' ' -f1)
+python_failed=$(grep -oE '[0-9]+ failed' "$python_log" | tail -n 1 | cut -d' ' -f1)
+passed=$((passed + ${python_passed:-0}))
+failed=$((failed + ${python_failed:-0}))
+[ -n "$python_passed$python_failed" ] || failed=$((failed + 1))
+
+stage "QEMU: the libftdi1 provider through a real USB stack"
+if bash tests/qemu/run.sh build/gcc | tee build/gcc/qemu.log; then
+  grep -q SKIPPED build/gcc/qemu.log || passed=$((passed + 1))
+else
+  failed=$((failed + 1))
+fi
+
 stage "Windows: mingw-w64 cross build, tests under wine"
 # The Windows build of the codec client must print what the Linux one does.
 configure_and_test build/windows -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw-w64-x86_64.cmake \
@@ -62,6 +79,11 @@ stage "valgrind: spectral operations"
 valgrind --quiet --leak-check=full --error-exitcode=1 build/gcc/tests/kavrel_unit_tests \
   --gtest_brief=1 --gtest_filter='Spectral*:Wavelength*:Spectrum*:Flash*:External*'
 
+stage "benchmarks: built in Release and each run once, nothing timed"
+bash scripts/bench-smoke.sh build/bench-smoke >/dev/null
+
 stage ""
 echo "== all stages took $((SECONDS - suite_started)) s"
 echo "$passed passed, $failed failed"
+# Stages that count their failures instead of stopping the run end it here.
+[ "$failed" -eq 0 ]

@@ -24,7 +24,9 @@ Instrument::Instrument(const kavrel_sim_config &config, LineSink &line)
       line_(line),
       optics_(config.coefficients, config.point_count, detector_for(config)),
       noise_(config.seed) {
-    std::strncpy(stored_.serial, config.serial_number, sizeof stored_.serial);
+    // A 12-byte field, zero-padded, with no terminator when full.
+    const char *serial = config.serial_number;
+    std::copy(serial, std::find(serial, serial + sizeof stored_.serial, '\0'), stored_.serial);
 }
 
 void Instrument::receive(const uint8_t *bytes, size_t count, double at_ms) {

@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "config.h"
+#include "sim/config.h"
 #include "stream_line.h"
 
 namespace {

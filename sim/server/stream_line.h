@@ -12,7 +12,7 @@
 #include <deque>
 #include <vector>
 
-#include "instrument.h"
+#include "sim/instrument.h"
 
 namespace kavrel::sim {
 
@@ -29,6 +29,11 @@ public:
     bool serve(Instrument &instrument, int in, int out, const std::atomic<bool> &stop);
 
 private:
+    // Writes the bytes whose time has come; false when the stream fails.
+    bool write_due(int out);
+    // Writes everything queued, each byte at its time.
+    void drain(int out, const std::atomic<bool> &stop);
+
     struct Timed {
         double at_ms;
         uint8_t byte;

@@ -18,6 +18,9 @@ struct Candidate {
 
 const Candidate kChain[] = {
     {"D2XX driver", d2xx_provider},
+#ifdef KAVREL_WITH_LIBFTDI
+    {"libftdi1", libftdi_provider},
+#endif
 };
 
 struct Choice {

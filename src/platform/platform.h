@@ -216,6 +216,14 @@ const char *hardware_provider_report();
 // when the driver cannot be loaded; *why then says what failed.
 const Platform &null_provider();
 const Platform *d2xx_provider(const char **why);
+#ifndef _WIN32
+// FTDI bridges through libftdi1 and libusb, loaded at run time; null with
+// *why saying what failed when they cannot be loaded. libftdi_last_error()
+// gives the provider's latest failure in words ("" before any), or why it
+// could not be loaded.
+const Platform *libftdi_provider(const char **why);
+const char *libftdi_last_error();
+#endif
 double host_now_ms();
 void host_sleep_ms(uint32_t milliseconds);
 

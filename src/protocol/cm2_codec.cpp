@@ -35,6 +35,17 @@ int32_t put_crc(uint8_t *out, int32_t crc_offset) {
 }
 
 }  // namespace
+
+bool preamble_ok(const uint8_t *packet) {
+    for (int i = 0; i < 7; ++i)
+        if (packet[i] != 0xAA) return false;
+    return packet[7] == 0xAB;
+}
+
+bool crc_ok(const uint8_t *packet, int32_t length) {
+    return kavrel_direct_crc32(packet + 8, length - 12) == load_be32(packet + length - 4);
+}
+
 }  // namespace kavrel::cm2
 
 using namespace kavrel;
@@ -67,10 +78,7 @@ extern "C" KAVREL_DIRECT_API int32_t kavrel_direct_parse_response(const uint8_t 
     std::memcpy(out->raw, packet, static_cast<size_t>(length));
     out->raw_len = length;
     std::memcpy(out->pre, packet, 8);
-    out->preamble_ok = 1;
-    for (int i = 0; i < 7; ++i)
-        if (packet[i] != 0xAA) out->preamble_ok = 0;
-    if (packet[7] != 0xAB) out->preamble_ok = 0;
+    out->preamble_ok = cm2::preamble_ok(packet) ? 1 : 0;
 
     out->ver = packet[8];
     out->ta = load_be16(packet + 9);
@@ -90,13 +98,9 @@ extern "C" KAVREL_DIRECT_API int32_t kavrel_direct_parse_response(const uint8_t 
         out->ans_status = static_cast<uint8_t>(packet[25] >> 4);
         out->ans_reply = packet[27];
     }
-    if (length >= 33) {
-        int32_t size = length - 32;
-        if (size > KAVREL_DIRECT_CM2_MAX_DATA) size = KAVREL_DIRECT_CM2_MAX_DATA;
-        out->data_size = size;
-        std::memcpy(out->data, packet + 28, static_cast<size_t>(size));
-    }
+    out->data_size = cm2::data_bytes(length);
+    std::memcpy(out->data, packet + cm2::kHeadBytes, static_cast<size_t>(out->data_size));
     out->crc = load_be32(packet + length - 4);
-    out->crc_ok = kavrel_direct_crc32(packet + 8, length - 12) == out->crc ? 1 : 0;
+    out->crc_ok = cm2::crc_ok(packet, length) ? 1 : 0;
     return out->preamble_ok ? 0 : -1;
 }

@@ -19,6 +19,7 @@ constexpr int32_t kRequestBufferBytes = 2048;
 constexpr int32_t kMaxWriteData = kRequestBufferBytes - kMinPacketBytes;  // 2016
 constexpr int32_t kMaxPacketBytes = KAVREL_DIRECT_CM2_MAX_PACKET;         // 16384
 constexpr int32_t kDataLenOffset = 17;
+constexpr int32_t kReplyCodeOffset = 27;
 
 constexpr uint8_t kSrvQuery = 0x0D;
 constexpr uint8_t kSrvWriteAck = 0xAD;
@@ -31,6 +32,21 @@ constexpr uint8_t kReplyTimeout = 0xE0;
 constexpr uint8_t kReplyCrcMismatch = 0xE1;
 constexpr uint8_t kReplyInvalidCommand = 0xE2;
 constexpr uint8_t kReplyWriteProtect = 0xE3;
+
+// The reply checks, shared by the exported parser and by the exchange, which
+// runs them on its receive buffer instead of taking the reply apart.
+// packet holds at least 8 bytes: AA seven times, then AB.
+bool preamble_ok(const uint8_t *packet);
+// The CRC over bytes 8 to length - 5 equals the last four bytes, read
+// big-endian; length is at least 12.
+bool crc_ok(const uint8_t *packet, int32_t length);
+// Data bytes of a packet of length bytes (those between the head and the
+// CRC), at most the 8192 a parsed record holds.
+constexpr int32_t data_bytes(int32_t length) {
+    if (length <= kMinPacketBytes) return 0;
+    const int32_t bytes = length - kMinPacketBytes;
+    return bytes < KAVREL_DIRECT_CM2_MAX_DATA ? bytes : KAVREL_DIRECT_CM2_MAX_DATA;
+}
 
 // Size of a write packet carrying length data bytes.
 constexpr int32_t write_packet_bytes(int32_t length) {

@@ -92,15 +92,16 @@ int32_t send_and_recv(uint8_t reg, uint32_t address, const uint8_t *data, uint32
     }
     bridge.set_timeouts(slot->handle, kDefaultTimeoutMs, kDefaultTimeoutMs);
 
-    cm2_packet parsed;
-    if (kavrel_direct_parse_response(reply, reply_length, &parsed) != 0) return KAVREL_DIRECT_ERR_PARSE;
-    if (!parsed.crc_ok) return KAVREL_DIRECT_ERR_CRC;
-    if (int32_t rc = reply_code_result(parsed.ans_reply)) return rc;
+    // The reply is judged where it lies, in the order the parser would
+    // report it, and its data reaches the caller in one copy.
+    if (!cm2::preamble_ok(reply)) return KAVREL_DIRECT_ERR_PARSE;
+    if (!cm2::crc_ok(reply, reply_length)) return KAVREL_DIRECT_ERR_CRC;
+    if (int32_t rc = reply_code_result(reply[cm2::kReplyCodeOffset])) return rc;
 
-    int32_t handed = parsed.data_size;
+    int32_t handed = cm2::data_bytes(reply_length);
     if (answer != nullptr) {
         if (handed > answer_capacity) handed = answer_capacity;
-        if (handed > 0) std::memcpy(answer, parsed.data, static_cast<size_t>(handed));
+        if (handed > 0) std::memcpy(answer, reply + cm2::kHeadBytes, static_cast<size_t>(handed));
     }
     if (answer_length != nullptr) *answer_length = handed;
     return KAVREL_DIRECT_OK;

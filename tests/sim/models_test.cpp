@@ -3,14 +3,14 @@
 // in USB packets.
 #include <cstring>
 
-#include "cm2_instrument.h"
-#include "config.h"
-#include "nir_instrument.h"
 #include "protocol/byte_order.h"
 #include "protocol/cm2_codec.h"
+#include "sim/cm2_instrument.h"
+#include "sim/config.h"
+#include "sim/nir_instrument.h"
+#include "sim/usb_line.h"
 #include "sim_fixture.h"
 #include "transport/nir_exchange.h"
-#include "usb_line.h"
 
 namespace kavrel::test {
 namespace {

@@ -180,14 +180,19 @@ const Operation kOperations[] = {
          return OK;
      }},
     {"ResetReloadsStoredSettings", OK, OK,
-     [](auto &) {
+     [](auto &c) {
          uint32_t time = 0, open = 2;
+         uint8_t averages = 0;
+         if (!is_nir(c)) TRY(kavrel_direct_set_stored_average_number(5));
          TRY(kavrel_direct_set_integration_time(20000));
+         TRY(kavrel_direct_set_average_number(9));
          TRY(kavrel_direct_set_flash_write_protect());
          TRY(kavrel_direct_reset_device());
          TRY(kavrel_direct_get_integration_time(&time));
+         TRY(kavrel_direct_get_average_number(&averages));
          TRY(kavrel_direct_get_flash_write_protect(&open));
          EXPECT_EQ(time, 10000u);
+         EXPECT_EQ(averages, is_nir(c) ? 1 : 5);
          EXPECT_EQ(open, 0u);
          return OK;
      }},
@@ -238,13 +243,16 @@ const Operation kOperations[] = {
          EXPECT_NEAR(a / b, 1.0, 0.01);
          return OK;
      }},
-    {"FlashPageRoundTrip", OK, OK,
+    // Two pages written, the first read back: from flash, not from the page
+    // buffer the second write left behind.
+    {"FlashPagesRoundTrip", OK, OK,
      [](auto &) {
          // CM2 reads whole words: the room for 101 bytes is 104.
-         std::vector<uint8_t> page(101), back(104);
+         std::vector<uint8_t> page(101), other(101, 0x3C), back(104);
          for (size_t i = 0; i < page.size(); ++i) page[i] = static_cast<uint8_t>(i * 7);
          TRY(kavrel_direct_set_flash_write_protect());  // NIR page writes need it; CM2 opens it itself
          TRY(kavrel_direct_flash_write(7, page.data(), static_cast<int32_t>(page.size())));
+         TRY(kavrel_direct_flash_write(8, other.data(), static_cast<int32_t>(other.size())));
          const int32_t n = kavrel_direct_flash_read(7, back.data(), static_cast<int32_t>(page.size()));
          if (n < 0) return n;
          EXPECT_GE(n, 101);

@@ -11,8 +11,8 @@
 
 #include "kavrel_direct.h"
 #include "kavrel_sim.h"
+#include "sim/world.h"
 #include "transport/device_table.h"
-#include "world.h"
 
 namespace kavrel::test {
 
