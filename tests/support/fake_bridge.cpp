@@ -13,29 +13,26 @@ namespace kavrel::test {
 std::string hex(const Bytes &bytes) {
     std::string out;
     char group[4];
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        std::snprintf(group, sizeof group, "%s%02X", i == 0 ? "" : " ", bytes[i]);
-        out += group;
-    }
-    return out;
+    for (uint8_t byte : bytes) out += (std::snprintf(group, sizeof group, " %02X", byte), group);
+    return out.empty() ? out : out.substr(1);
 }
 
 FakeBridge::FakeBridge() {
-    platform_ = platform::provider_table("fake", *this);
+    table_ = platform::provider_table("fake", *this);
     if (std::getenv("KAVREL_TEST_WRAPPED_PROVIDER") != nullptr) {
-        wrapper_ = std::make_unique<platform::Forwarder>(platform_);
+        wrapper_ = std::make_unique<platform::Forwarder>(table_);
         wrapped_ = platform::provider_table("forwarding wrapper", *wrapper_);
     }
-    use_provider(wrapper_ ? &wrapped_ : &platform_);
+    use_provider(wrapper_ ? &wrapped_ : &table_);
 }
 
 FakeBridge::~FakeBridge() {
     use_provider(nullptr);
 }
 
-void FakeBridge::record(BridgeCall call) {
+void FakeBridge::record(const char *name, uint32_t a, uint32_t b) {
     std::lock_guard<std::mutex> lock(mutex_);
-    calls.push_back(std::move(call));
+    calls.push_back({name, a, b});
 }
 
 void FakeBridge::hold(int index) {
@@ -63,52 +60,41 @@ int FakeBridge::attach(const std::string &serial) {
     return static_cast<int>(instruments_.size()) - 1;
 }
 
-FakeBridge &FakeBridge::expect(int index, const Bytes &request, std::vector<Chunk> reply) {
+void FakeBridge::expect(int index, const Bytes &request, std::vector<Chunk> reply) {
     instrument(index).script.push_back(Step{request, std::move(reply), 0, std::nullopt});
-    return *this;
 }
 
-FakeBridge &FakeBridge::reply_any(int index, std::vector<Chunk> reply) {
+void FakeBridge::reply_any(int index, std::vector<Chunk> reply) {
     instrument(index).script.push_back(Step{std::nullopt, std::move(reply), 0, std::nullopt});
-    return *this;
 }
 
 std::vector<BridgeCall> FakeBridge::calls_named(const std::string &name) const {
     std::vector<BridgeCall> out;
-    std::copy_if(calls.begin(), calls.end(), std::back_inserter(out),
-                 [&](const BridgeCall &call) { return call.name == name; });
+    std::copy_if(calls.begin(), calls.end(), std::back_inserter(out), [&](auto &c) { return c.name == name; });
     return out;
 }
 
 std::string FakeBridge::trace() const {
     std::vector<std::string> items;
-    for (const BridgeCall &call : calls) {
-        std::string item = call.name;
-        if (call.name == "read")
-            item += " " + std::to_string(call.a) + ":" + std::to_string(call.b);
-        else if (call.name == "timeouts" || call.name == "usb")
-            item += " " + std::to_string(call.a) + " " + std::to_string(call.b);
-        else if (call.name != "list" && call.name != "reset")
-            item += " " + std::to_string(call.a);
-        items.push_back(item);
+    for (const BridgeCall &c : calls) {
+        const std::string a = " " + std::to_string(c.a), b = std::to_string(c.b);
+        items.push_back(c.name + (c.name == "list" || c.name == "reset" ? ""
+                                  : c.name == "read"                    ? a + ":" + b
+                                  : c.name == "timeouts" || c.name == "usb" ? a + " " + b
+                                                                        : a));
     }
     std::string out;
     for (size_t i = 0; i < items.size();) {
-        size_t period = 1, times = 1;
-        for (size_t k : {1, 2}) {
-            size_t n = 1;
-            while (i + (n + 1) * k <= items.size() &&
-                   std::equal(items.begin() + i, items.begin() + i + k, items.begin() + i + n * k))
-                ++n;
-            if (n > 1) {
-                period = k, times = n;
-                break;
-            }
+        size_t period = 1, times = 1;  // the shortest repeating run here
+        for (size_t k = 1; k <= 2 && times == 1; ++k) {
+            period = k;
+            while (i + (times + 1) * k <= items.size() &&
+                   std::equal(items.begin() + i, items.begin() + i + k, items.begin() + i + times * k))
+                ++times;
         }
-        std::string item = items[i];
-        if (period == 2) item = "(" + item + ", " + items[i + 1] + ")";
-        if (times > 1) item += " x" + std::to_string(times);
-        out += (out.empty() ? "" : ", ") + item;
+        if (times == 1) period = 1;
+        std::string item = period == 2 ? "(" + items[i] + ", " + items[i + 1] + ")" : items[i];
+        out += (out.empty() ? "" : ", ") + item + (times > 1 ? " x" + std::to_string(times) : "");
         i += period * times;
     }
     return out;
@@ -124,87 +110,56 @@ int FakeBridge::index_of(platform::Handle handle) const {
     for (size_t i = 0; i < instruments_.size(); ++i)
         if (&instruments_[i] == handle) return static_cast<int>(i);
     ADD_FAILURE() << "bridge call with a handle the fake never opened";
-    return -1;
+    return 0;
 }
 
 platform::Status FakeBridge::create_device_info_list(uint32_t *count) {
-    record({"list", -1, 0, 0, {}});
+    record("list");
     *count = create_status == 0 ? static_cast<uint32_t>(instruments_.size()) : 0;
     return create_status;
 }
 
 platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries, uint32_t *count) {
-    record({"entries", -1, *count, 0, {}});
+    record("entries", *count);
     if (get_status != 0) return get_status;
     *count = std::min<uint32_t>(*count, static_cast<uint32_t>(instruments_.size()));
     for (uint32_t i = 0; i < *count; ++i) {
-        std::snprintf(entries[i].serial_number, sizeof entries[i].serial_number, "%s",
-                      instruments_[i].serial.c_str());
-        std::snprintf(entries[i].description, sizeof entries[i].description, "%s",
-                      instruments_[i].description.c_str());
+        std::snprintf(entries[i].serial_number, 16, "%s", instruments_[i].serial.c_str());
+        std::snprintf(entries[i].description, 64, "%s", instruments_[i].description.c_str());
     }
     return 0;
 }
 
 platform::Status FakeBridge::open(int index, platform::Handle *handle) {
-    record({"open", index, static_cast<uint32_t>(index), 0, {}});
+    record("open", static_cast<uint32_t>(index));
     if (open_status != 0) return open_status;
-    if (index < 0 || static_cast<size_t>(index) >= instruments_.size()) return 2;
     *handle = &instrument(index);
     return 0;
 }
 
-platform::Status FakeBridge::close(platform::Handle handle) {
-    const int index = index_of(handle);
-    record({"close", index, static_cast<uint32_t>(index), 0, {}});
+platform::Status FakeBridge::set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms) {
+    record("timeouts", read_ms, write_ms);
+    instrument(index_of(h)).read_limit_ms = read_ms;
     return 0;
 }
 
-platform::Status FakeBridge::set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms) {
-    const int index = index_of(handle);
-    record({"timeouts", index, read_ms, write_ms, {}});
-    if (index >= 0) instrument(index).read_limit_ms = read_ms;
+platform::Status FakeBridge::purge(platform::Handle h, uint32_t mask) {
+    record("purge", mask);
+    if (mask & platform::kPurgeRx) instrument(index_of(h)).inbox->purge();
     return 0;
 }
 
-platform::Status FakeBridge::set_latency_timer(platform::Handle handle, uint8_t ms) {
-    record({"latency", index_of(handle), ms, 0, {}});
-    return 0;
-}
-
-platform::Status FakeBridge::set_usb_parameters(platform::Handle handle, uint32_t in_size, uint32_t out_size) {
-    record({"usb", index_of(handle), in_size, out_size, {}});
-    return 0;
-}
-
-platform::Status FakeBridge::reset_device(platform::Handle handle) {
-    record({"reset", index_of(handle), 0, 0, {}});
-    return 0;
-}
-
-platform::Status FakeBridge::purge(platform::Handle handle, uint32_t mask) {
-    const int index = index_of(handle);
-    record({"purge", index, mask, 0, {}});
-    if (index >= 0 && (mask & platform::kPurgeRx)) instrument(index).inbox->purge();
-    return 0;
-}
-
-platform::Status FakeBridge::write(platform::Handle handle, const void *bytes, uint32_t count,
-                                   uint32_t *written) {
-    const int index = index_of(handle);
-    const auto *p = static_cast<const uint8_t *>(bytes);
-    const Bytes data(p, p + count);
-    record({"write", index, count, 0, data});
+platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written) {
+    record("write", count);
+    const Bytes data(static_cast<const uint8_t *>(bytes), static_cast<const uint8_t *>(bytes) + count);
+    FakeInstrument &device = instrument(index_of(h));
     *written = count;
-    if (index < 0) return 1;
-    FakeInstrument &device = instrument(index);
     std::vector<Chunk> reply;
     if (!device.script.empty()) {
         const Step step = device.script.front();
         device.script.pop_front();
         if (step.expect && *step.expect != data)
-            ADD_FAILURE() << "bridge " << index << " got an unexpected write\n  expected: " << hex(*step.expect)
-                          << "\n  actual:   " << hex(data);
+            ADD_FAILURE() << "unexpected write\n  expected: " << hex(*step.expect) << "\n  actual:   " << hex(data);
         *written = step.written.value_or(count);
         if (step.write_status != 0) return step.write_status;
         reply = step.reply;
@@ -216,47 +171,25 @@ platform::Status FakeBridge::write(platform::Handle handle, const void *bytes, u
     return 0;
 }
 
-platform::Status FakeBridge::read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned) {
-    const int index = index_of(handle);
-    *returned = 0;
-    if (index < 0) return 1;
-    FakeInstrument &device = instrument(index);
+platform::Status FakeBridge::read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned) {
+    FakeInstrument &device = instrument(index_of(h));
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (device.held) {
-            ++held_reads_;
-            held_changed_.notify_all();
-            held_changed_.wait(lock, [&] { return !device.held; });
-            --held_reads_;
-        }
+        held_reads_ += device.held;
+        held_changed_.notify_all();
+        held_changed_.wait(lock, [&] { return !device.held; });
+        held_reads_ = 0;
     }
-    if (device.fail_read_after >= 0 && device.reads_done >= device.fail_read_after) {
-        record({"read", index, count, 0, {}});
-        return 4;
-    }
-    ++device.reads_done;
+    *returned = 0;
+    if (device.fail_read_after >= 0 && device.fail_read_after-- == 0) return record("read", count), 4;
     *returned = static_cast<uint32_t>(device.inbox->read(static_cast<uint8_t *>(buffer), count, device.read_limit_ms));
-    record({"read", index, count, *returned, {}});
+    record("read", count, *returned);
     return 0;
 }
 
-void FakeBridge::sleep_ms(uint32_t ms) {
-    record({"sleep", -1, ms, 0, {}});
-    clock_.sleep_ms(ms);
-}
-
-// The tests' own codec: CRC-32 (IEEE, reflected) and CRC-16/MODBUS bit by
-// bit, big-endian fields.
+// The tests' own codec: CRC-32 (IEEE 802.3, reflected) and CRC-16/MODBUS bit
+// by bit, fields big-endian.
 namespace {
-
-uint32_t crc32(const uint8_t *p, size_t n) {
-    uint32_t c = 0xFFFFFFFFu;
-    for (size_t i = 0; i < n; ++i) {
-        c ^= p[i];
-        for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
-    }
-    return ~c;
-}
 
 void put_be(Bytes &out, uint32_t value, int bytes) {
     while (bytes-- > 0) out.push_back(static_cast<uint8_t>(value >> (8 * bytes)));
@@ -265,8 +198,7 @@ void put_be(Bytes &out, uint32_t value, int bytes) {
 Bytes cm2_packet(uint8_t srv, bool from_host, uint16_t file_len, uint16_t data_len, uint8_t reg, uint32_t address,
                  uint8_t reply, const Bytes &data) {
     Bytes out{0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0xCC};
-    put_be(out, from_host ? 1 : 2, 2);  // target, then source
-    put_be(out, from_host ? 2 : 1, 2);
+    put_be(out, from_host ? 0x00010002 : 0x00020001, 4);  // target, source
     out.insert(out.end(), {srv, 0xEE});
     put_be(out, file_len, 2);
     put_be(out, data_len, 2);
@@ -275,7 +207,12 @@ Bytes cm2_packet(uint8_t srv, bool from_host, uint16_t file_len, uint16_t data_l
     out.insert(out.end(), {0x00, 0x00, reply});
     out.insert(out.end(), data.begin(), data.end());
     out.resize(28 + (data.size() + 3) / 4 * 4, 0);
-    put_be(out, crc32(out.data() + 8, out.size() - 8), 4);
+    uint32_t crc = 0xFFFFFFFFu;
+    for (size_t i = 8; i < out.size(); ++i) {
+        crc ^= out[i];
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    put_be(out, ~crc, 4);
     return out;
 }
 
@@ -296,13 +233,13 @@ Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_
 }
 
 Bytes nir_frame(const Bytes &command) {
-    uint16_t c = 0xFFFF;
+    uint16_t crc = 0xFFFF;
     for (uint8_t byte : command) {
-        c ^= byte;
-        for (int k = 0; k < 8; ++k) c = static_cast<uint16_t>((c >> 1) ^ (0xA001u & (0u - (c & 1u))));
+        crc ^= byte;
+        for (int k = 0; k < 8; ++k) crc = static_cast<uint16_t>((crc >> 1) ^ (0xA001u & (0u - (crc & 1u))));
     }
     Bytes out = command;
-    put_be(out, c, 2);
+    put_be(out, crc, 2);
     return out;
 }
 

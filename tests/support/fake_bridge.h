@@ -1,16 +1,15 @@
 // A fake USB bridge with scripted instruments, on the library's timing
 // engine in virtual time.
 //
-// Each attached bridge plays a script: every write the library makes takes
-// the next step, is compared with the bytes the step expects (a mismatch
-// fails the test with both sides in hex), and schedules the step's reply
-// chunks in the bridge's inbox. Reads, purges and the clock are the engine's,
-// so a two-minute time limit runs in microseconds. Every bridge call is
-// recorded with its arguments, so a test states the traffic as one line
-// (trace()).
+// Each attached bridge plays a script: every write takes the next step, is
+// compared with the bytes the step expects (a mismatch fails the test with
+// both sides in hex) and schedules the step's reply in the bridge's inbox.
+// Reads, purges and the clock are the engine's, so a two-minute time limit
+// passes in microseconds. Every bridge call is recorded, so a test states
+// the traffic as one line (trace()).
 //
-// The request and reply bytes below come from an encoder of the tests' own,
-// CRCs included, so a fault in the library's codec cannot hide in both sides.
+// Requests and replies are built by an encoder of the tests' own, CRCs
+// included, so a fault in the library's codec cannot hide on both sides.
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
@@ -30,15 +29,12 @@
 namespace kavrel::test {
 
 using Bytes = std::vector<uint8_t>;
-
 std::string hex(const Bytes &bytes);
 
 struct BridgeCall {
     std::string name;  // list, entries, open, close, timeouts, latency, usb, purge, reset, write, read, sleep
-    int device = -1;   // index of the bridge, -1 for listing and sleeps
-    uint32_t a = 0;    // first numeric argument (count asked, mask, limit, ms)
-    uint32_t b = 0;    // second (write limit; bytes a read returned)
-    Bytes bytes;       // bytes written
+    uint32_t a = 0;    // first argument: count asked, index, mask, limit, ms
+    uint32_t b = 0;    // second: write limit, out size; bytes a read returned
 };
 
 struct Chunk {
@@ -62,23 +58,19 @@ struct FakeInstrument {
     int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
     std::unique_ptr<platform::Inbox> inbox;
-    int reads_done = 0;
     bool held = false;  // reads wait until release()
 };
 
 class FakeBridge {
 public:
-    FakeBridge();
+    FakeBridge();  // installs itself as the provider in force
     ~FakeBridge();
-    FakeBridge(const FakeBridge &) = delete;
-    FakeBridge &operator=(const FakeBridge &) = delete;
 
     // Attaches a bridge; returns its list position.
     int attach(const std::string &serial);
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
-    FakeBridge &expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
-    FakeBridge &reply_any(int index, std::vector<Chunk> reply);
-
+    void expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
+    void reply_any(int index, std::vector<Chunk> reply);
     double now() const { return clock_.now_ms(); }
 
     // Reads of bridge index block (for real, on any thread) from now until
@@ -89,42 +81,39 @@ public:
 
     std::vector<BridgeCall> calls;
     std::vector<BridgeCall> calls_named(const std::string &name) const;
-    // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28"
-    // (a read shows the count asked and the count returned); a call or pair
-    // of calls repeated in a row shows once with " xN".
+    // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28" (a
+    // read shows the count asked and the count returned); a call or a pair
+    // of calls repeated in a row shows once, with " xN".
     std::string trace() const;
     void clear_calls() { calls.clear(); }
-    // Steps still waiting: traffic that was expected and never came.
-    size_t unplayed_steps() const;
+    size_t unplayed_steps() const;  // traffic that was expected and never came
 
-    uint32_t create_status = 0;
-    uint32_t get_status = 0;
-    uint32_t open_status = 0;
+    uint32_t create_status = 0, get_status = 0, open_status = 0;
 
     // The provider's calls, filled into the table by name.
     platform::Status create_device_info_list(uint32_t *count);
     platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
     platform::Status open(int index, platform::Handle *handle);
-    platform::Status close(platform::Handle handle);
-    platform::Status set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms);
-    platform::Status set_latency_timer(platform::Handle handle, uint8_t ms);
-    platform::Status set_usb_parameters(platform::Handle handle, uint32_t in_size, uint32_t out_size);
-    platform::Status purge(platform::Handle handle, uint32_t mask);
-    platform::Status reset_device(platform::Handle handle);
-    platform::Status write(platform::Handle handle, const void *bytes, uint32_t count, uint32_t *written);
-    platform::Status read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned);
+    platform::Status close(platform::Handle h) { return record("close", index_of(h)), 0; }
+    platform::Status set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms);
+    platform::Status set_latency_timer(platform::Handle, uint8_t ms) { return record("latency", ms), 0; }
+    platform::Status set_usb_parameters(platform::Handle, uint32_t in, uint32_t out) { return record("usb", in, out), 0; }
+    platform::Status purge(platform::Handle h, uint32_t mask);
+    platform::Status reset_device(platform::Handle) { return record("reset"), 0; }
+    platform::Status write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written);
+    platform::Status read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned);
     double now_ms() { return clock_.now_ms(); }
-    void sleep_ms(uint32_t ms);
+    void sleep_ms(uint32_t ms) { record("sleep", ms), clock_.sleep_ms(ms); }
 
 private:
     int index_of(platform::Handle handle) const;
-    void record(BridgeCall call);
+    void record(const char *name, uint32_t a = 0, uint32_t b = 0);
 
     platform::Clock clock_{platform::Clock::Mode::virtual_time};
     std::deque<FakeInstrument> instruments_;
-    platform::Platform platform_{};
+    platform::Platform table_{};
     // With KAVREL_TEST_WRAPPED_PROVIDER set, a forwarding wrapper stands in
-    // front of the fake, and every test must pass through it unchanged.
+    // front of the fake: a wrapper must change nothing.
     std::unique_ptr<platform::Forwarder> wrapper_;
     platform::Platform wrapped_{};
     std::mutex mutex_;  // calls and holds, for tests with several threads
