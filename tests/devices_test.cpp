@@ -1,11 +1,16 @@
 // Listing and opening bridges, the table of open devices, the providers and
 // the frame every exported call runs in.
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "platform/timing_engine.h"
 #include "support/device_fixture.h"
+
+#ifdef KAVREL_TEST_FAKE_D2XX
+#include <dlfcn.h>
+#endif
 
 namespace kavrel::test {
 namespace {
@@ -231,6 +236,44 @@ TEST(NullProvider, ListsNothingAndFailsEveryCall) {
     null.sleep_ms(2);
     EXPECT_GT(null.now_ms(), before);
 }
+
+#ifdef KAVREL_TEST_FAKE_D2XX
+// The D2XX provider on the stand-in driver of windows/fake_ftd2xx.c, which
+// logs every call but reads, and pads its records' texts with FF.
+TEST(D2xxProvider, PassesEveryCallThroughAndTerminatesTheTexts) {
+    const char *why = "";
+    const platform::Platform *d2xx = platform::d2xx_provider(&why);
+    ASSERT_NE(d2xx, nullptr) << why;
+    EXPECT_EQ(&platform::hardware_provider(), d2xx);
+    EXPECT_STREQ(platform::hardware_provider_report(), "D2XX driver: in force\n");
+    const platform::Bridge d(*d2xx);
+    uint32_t count = 0, done = 0;
+    platform::BridgeEntry entries[2];
+    std::memset(entries, 0x7F, sizeof entries);
+    EXPECT_EQ(d.create_device_info_list(&count) + count, 2u);
+    count = 1;  // the driver fills all its entries whatever the room: one is kept
+    EXPECT_EQ(d.get_device_info_list(entries, &count) + count, 1u);
+    EXPECT_EQ(std::string(entries[0].serial_number) + "|" + entries[0].description, "FK000001|Fake Bridge A");
+    EXPECT_EQ(entries[0].serial_number[15] | entries[0].description[63], 0);
+    EXPECT_EQ(entries[1].serial_number[0], 0x7F);
+    platform::Handle h = nullptr;
+    ASSERT_EQ(d.open(1, &h), 0u);
+    const Bytes query = cm2_query_bytes(0xC1, 0x41, 2);
+    uint8_t reply[64];
+    EXPECT_EQ(d.write(h, query.data(), 32, &done) + done, 32u);
+    EXPECT_EQ(d.read(h, reply, 10, &done) + done, 10u);
+    EXPECT_EQ(d.read(h, reply, 54, &done) + done, 22u);  // the rest of a 32-byte reply
+    d.set_timeouts(h, 1, 2), d.set_latency_timer(h, 3), d.set_usb_parameters(h, 4, 5);
+    d.purge(h, 3), d.reset_device(h), d.close(h);
+    void *driver = dlopen("libftd2xx.so", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(driver, nullptr);
+    const char *(*log)() = nullptr;
+    void *symbol = dlsym(driver, "fake_ftd2xx_log");
+    std::memcpy(&log, &symbol, sizeof log);
+    EXPECT_STREQ(log(), "open 1;write 1 32;timeouts 1 1 2;latency 1 3;usb 1 4 5;purge 1 3;reset 1;close 1;");
+    dlclose(driver);
+}
+#endif
 
 TEST(TimingEngine, ReadsEndAtTheCountOrTheLimitAndPurgeDropsOnlyWhatHasArrived) {
     platform::Clock clock(platform::Clock::Mode::virtual_time);

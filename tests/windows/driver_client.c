@@ -1,6 +1,8 @@
-/* A Windows application with a bridge driver on its DLL search path: the
+/* An application with a bridge driver on its library search path: the
  * stand-in FTD2XX.dll of the folder fake_driver beside the program, named
- * with SetDllDirectory. The DLL must find the driver through the normal
+ * with SetDllDirectory on Windows; on Linux the stand-in libftd2xx.so of
+ * the folder the test names in LD_LIBRARY_PATH. The library must find the
+ * driver through the normal
  * search on first use, list its bridges from FT_DEVICE_LIST_INFO_NODE
  * records, configure a bridge in the D2XX order when opening it, settle the
  * CM2 protocol from the instrument's answer and close the handles it
@@ -8,11 +10,12 @@
 #include <stdio.h>
 #include <string.h>
 
-#define WIN32_LEAN_AND_MEAN
-#include <windows.h>
-
 #include "kavrel_direct.h"
 #include "support/c_check.h"
+
+#ifdef _WIN32
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
 
 typedef const char *(WINAPI *log_fn)(void);
 
@@ -33,6 +36,45 @@ static const char *driver_log(void) {
     if (driver != NULL) log = (log_fn)(void (*)(void))GetProcAddress(driver, "fake_ftd2xx_log");
     return log != NULL ? log() : "";
 }
+
+static int driver_loaded(void) {
+    return GetModuleHandleA("FTD2XX.dll") != NULL;
+}
+
+#else
+#include <dlfcn.h>
+
+typedef const char *(*log_fn)(void);
+
+static int use_fake_driver(void) {
+    return 1;
+}
+
+/* The driver as the library loaded it; null while it is not loaded. */
+static void *loaded_driver(void) {
+    return dlopen("libftd2xx.so", RTLD_LAZY | RTLD_NOLOAD);
+}
+
+static const char *driver_log(void) {
+    void *driver = loaded_driver();
+    const char *log = "";
+    if (driver != NULL) {
+        void *symbol = dlsym(driver, "fake_ftd2xx_log");
+        log_fn function = NULL;
+        /* An object pointer to a function pointer, as POSIX allows. */
+        if (symbol != NULL) memcpy(&function, &symbol, sizeof function);
+        if (function != NULL) log = function();
+        dlclose(driver);
+    }
+    return log;
+}
+
+static int driver_loaded(void) {
+    void *driver = loaded_driver();
+    if (driver != NULL) dlclose(driver);
+    return driver != NULL;
+}
+#endif
 
 /* Opening bridge i: open, the 5000 ms limits, latency 1 ms, 64 KiB USB
  * transfers, both buffers purged, a reset; then the CM2 probe: purge, the
@@ -60,10 +102,10 @@ int main(void) {
     uint32_t capabilities = 0;
 
     if (!use_fake_driver()) {
-        fprintf(stderr, "SetDllDirectory failed: error %lu\n", (unsigned long)GetLastError());
+        fprintf(stderr, "cannot name the stand-in driver's folder\n");
         return 1;
     }
-    CHECK(GetModuleHandleA("FTD2XX.dll") == NULL);
+    CHECK(!driver_loaded());
     /* Prints "[0] Fake Bridge A (SN: FK000001)" and "[1] ...", which the
      * test's pass expression looks for. */
     CHECK(kavrel_direct_scan_devices() == 2u);

@@ -1,6 +1,6 @@
-/* A stand-in for the vendor's FTD2XX.dll, written from its published
- * interface: the same names, WINAPI calls and Windows types, and the
- * FT_DEVICE_LIST_INFO_NODE record. Two bridges are attached, each with an
+/* A stand-in for the vendor's FTD2XX.dll (libftd2xx.so on Linux), written
+ * from its published interface: the same names, WINAPI calls and Windows
+ * types, and the FT_DEVICE_LIST_INFO_NODE record. Two bridges are attached, each with an
  * instrument that answers every CM2 query with an acknowledged reply of the
  * words asked for. Every call but FT_Read is written to a log that the test
  * reads through fake_ftd2xx_log(); reads are left out because how a reply is
@@ -8,10 +8,22 @@
 #include <stdio.h>
 #include <string.h>
 
+#ifdef _WIN32
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
-
 #define FAKE_API __declspec(dllexport)
+#else
+/* The Linux driver keeps the Windows names, with 32-bit ULONG and DWORD. */
+#include <stdint.h>
+typedef uint32_t ULONG;
+typedef uint32_t DWORD;
+typedef DWORD *LPDWORD;
+typedef void *PVOID;
+typedef void *LPVOID;
+typedef unsigned char UCHAR;
+#define WINAPI
+#define FAKE_API __attribute__((visibility("default")))
+#endif
 
 typedef PVOID FT_HANDLE;
 typedef ULONG FT_STATUS;
