@@ -43,10 +43,12 @@ TEST(Cm2Builders, GoldenPackets) {
         {query, cm2_query_bytes(0xC1, 0x41, 2),
          "AA AA AA AA AA AA AA AB CC 00 01 00 02 0D EE 00 02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC"},
         {built_write(0xC1, 0x12, word), cm2_write_bytes(0xC1, 0x12, word),
-         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C1 00 00 12 00 00 00 00 00 00 EA 1E 48 5C FC"},
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C1 00 00 12 00 00 00 00 00 00 EA 1E "
+         "48 5C FC"},
         // Padded to a whole word under the CRC.
         {built_write(0xC7, 0, abc), cm2_write_bytes(0xC7, 0, abc),
-         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C7 00 00 00 00 00 00 61 62 63 00 0E A5 1C C3"},
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C7 00 00 00 00 00 00 61 62 63 00 0E "
+         "A5 1C C3"},
         {built_write(0xC7, 0, {}), cm2_write_bytes(0xC7, 0, {}),
          "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 00 00 00 01 01 C7 00 00 00 00 00 00 C6 0A E9 64"},
     };
@@ -60,16 +62,18 @@ TEST(Cm2Builders, GoldenPackets) {
 std::string parsed(const Bytes &packet, int32_t length = -1) {
     auto p = std::make_unique<cm2_packet>();
     std::memset(p.get(), 0x5A, sizeof *p);  // fields left unwritten show
-    const int32_t rc =
-        kavrel_direct_parse_response(packet.data(), length < 0 ? static_cast<int32_t>(packet.size()) : length, p.get());
+    const int32_t rc = kavrel_direct_parse_response(
+        packet.data(), length < 0 ? static_cast<int32_t>(packet.size()) : length, p.get());
     char line[256];
-    std::snprintf(line, sizeof line,
-                  "%d %02X%02X/%d %02X %04X %04X %02X %02X %d %d %d %d %02X %06X %X %02X size=%d %02X%02X crc=%08X/%d "
-                  "raw=%d",
-                  rc, p->pre[0], p->pre[7], p->preamble_ok, p->ver, p->ta, p->sa, p->srv, p->fsn, p->file_len,
-                  p->data_len, p->sn_packets, p->sn_index, p->pio_reg, static_cast<unsigned>(p->pio_addr),
-                  p->ans_status, p->ans_reply, p->data_size, p->data[0], p->data[p->data_size > 0 ? p->data_size - 1 : 0],
-                  static_cast<unsigned>(p->crc), p->crc_ok, p->raw_len);
+    std::snprintf(
+        line, sizeof line,
+        "%d %02X%02X/%d %02X %04X %04X %02X %02X %d %d %d %d %02X %06X %X %02X size=%d %02X%02X crc=%08X/%d "
+        "raw=%d",
+        rc, p->pre[0], p->pre[7], p->preamble_ok, p->ver, p->ta, p->sa, p->srv, p->fsn, p->file_len,
+        p->data_len, p->sn_packets, p->sn_index, p->pio_reg, static_cast<unsigned>(p->pio_addr),
+        p->ans_status, p->ans_reply, p->data_size, p->data[0],
+        p->data[p->data_size > 0 ? p->data_size - 1 : 0], static_cast<unsigned>(p->crc), p->crc_ok,
+        p->raw_len);
     if (rc == 0) {
         EXPECT_EQ(std::memcmp(p->raw, packet.data(), static_cast<size_t>(p->raw_len)), 0);
     }
@@ -110,7 +114,8 @@ TEST(Cm2Parser, Fields) {
     };
     for (const auto &c : cases) EXPECT_EQ(parsed(c.packet), c.expected) << c.name;
 
-    const std::string zero = "-1 0000/0 00 0000 0000 00 00 0 0 0 0 00 000000 0 00 size=0 0000 crc=00000000/0 raw=0";
+    const std::string zero =
+        "-1 0000/0 00 0000 0000 00 00 0 0 0 0 00 000000 0 00 size=0 0000 crc=00000000/0 raw=0";
     EXPECT_EQ(parsed(Bytes(23, 0xAA)), zero);
     EXPECT_EQ(parsed(Bytes(16385, 0xAA)), zero);
     EXPECT_EQ(kavrel_direct_parse_response(reply.data(), 36, nullptr), -1);
@@ -160,7 +165,8 @@ TEST(PacketPrinters, TreeOfAWritePacketAndItsFields) {
 
     std::string groups;
     for (int i = 0; i < 32; ++i) groups += "11 ";
-    EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(40, 0x11))), "DATA"), "DATA: " + groups + "... (40 bytes)");
+    EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(40, 0x11))), "DATA"),
+              "DATA: " + groups + "... (40 bytes)");
     EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(32, 0x11))), "DATA"), "DATA: " + groups + " (32 bytes)");
     EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, {})), "DATA"), "DATA:  (no data)");
 
@@ -196,14 +202,17 @@ TEST(PacketPrinters, HexDumpAndFramedReport) {
     EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(sixteen.data(), 0); }), "\n");
 
     const Bytes sent = cm2_query_bytes(0xC1, 0x41, 2), junk(10, 0x55);
-    const std::string head = "\n========== Version ==========\n[SEND] (32 bytes):\n        AA AA AA AA AA AA AA AB CC 00 "
-                             "01 00 02 0D EE 00\n        02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC\n";
+    const std::string head =
+        "\n========== Version ==========\n[SEND] (32 bytes):\n        AA AA AA AA AA AA AA AB CC 00 "
+        "01 00 02 0D EE 00\n        02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC\n";
     const std::string end = "==============================\n";
     EXPECT_EQ(printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, nullptr, 0); }),
               head + "[RECV]: No data\n" + end);
-    EXPECT_EQ(printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, junk.data(), 10); }),
-              head + "[RECV] (10 bytes):\n        55 55 55 55 55 55 55 55 55 55\n[PARSED]: Invalid packet format\n" +
-                  end);
+    EXPECT_EQ(
+        printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, junk.data(), 10); }),
+        head +
+            "[RECV] (10 bytes):\n        55 55 55 55 55 55 55 55 55 55\n[PARSED]: Invalid packet format\n" +
+            end);
     const Bytes write = cm2_write_bytes(0xC1, 0x000012, {0x00, 0x00, 0x00, 0xEA});
     const std::string report =
         printed([&] { kavrel_direct_print_cmd_info("Write", write.data(), 36, write.data(), 36); });

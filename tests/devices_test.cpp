@@ -29,8 +29,8 @@ std::string table() {
     kavrel_direct_get_device_protocol(&protocol);
     kavrel_direct_get_capabilities(&capabilities);
     return std::to_string(protocol) + " " + std::to_string(capabilities) + " " +
-           std::to_string(kavrel_direct_get_open_device_count()) + " " + std::to_string(g_active_index) + " " +
-           std::to_string(kavrel_direct_is_open());
+           std::to_string(kavrel_direct_get_open_device_count()) + " " + std::to_string(g_active_index) +
+           " " + std::to_string(kavrel_direct_is_open());
 }
 
 TEST_F(Devices, ListingPrintsEveryBridgeAndFailsQuietly) {
@@ -69,7 +69,8 @@ TEST_F(Devices, OpeningConfiguresTheBridgeThenProbesCm2ThenNir) {
     bridge.expect(device, nir_frame({'V'}), at_once(nir_reply({'1', '.', '0'})));
     EXPECT_EQ(kavrel_direct_open_device_by_chip_serial("NIRDEV"), KAVREL_DIRECT_OK);
     EXPECT_EQ(bridge.trace(),
-              "(list, entries 1) x2, open 0, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, purge 3, "
+              "(list, entries 1) x2, open 0, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
+              "purge 3, "
               "write 32, timeouts 200 5000, read 28:0, purge 3, write 3, timeouts 50 5000, read 16384:6, "
               "(read 16378:0, sleep 5) x9, read 16378:0, timeouts 5000 5000");
     EXPECT_EQ(table(), "2 511 1 0 1");
@@ -81,8 +82,8 @@ TEST_F(Devices, OpeningConfiguresTheBridgeThenProbesCm2ThenNir) {
 }
 
 TEST_F(Devices, SelectingClosingTheFifthDeviceAndOpeningAnOpenBridge) {
-    for (int i = 0; i < 4; ++i) open_with(i == 1 ? KAVREL_DIRECT_PROTOCOL_NIR : KAVREL_DIRECT_PROTOCOL_CM2,
-                                          "D" + std::to_string(i));
+    for (int i = 0; i < 4; ++i)
+        open_with(i == 1 ? KAVREL_DIRECT_PROTOCOL_NIR : KAVREL_DIRECT_PROTOCOL_CM2, "D" + std::to_string(i));
     EXPECT_EQ(table(), "1 32767 4 3 1");
     EXPECT_EQ(kavrel_direct_select_device(-1), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(kavrel_direct_select_device(4), KAVREL_DIRECT_ERR_INVALID_ARG);
@@ -97,7 +98,7 @@ TEST_F(Devices, SelectingClosingTheFifthDeviceAndOpeningAnOpenBridge) {
     kavrel_direct_close_device();  // none active, the others as they were
     EXPECT_EQ(table(), "0 0 3 -1 0");
     EXPECT_EQ(kavrel_direct_select_device(2), KAVREL_DIRECT_ERR_NOT_OPEN);
-    kavrel_direct_close_device();  // nothing active: nothing happens
+    kavrel_direct_close_device();                               // nothing active: nothing happens
     EXPECT_EQ(kavrel_direct_open_device(1), KAVREL_DIRECT_OK);  // only made active again
     EXPECT_EQ(table(), "2 511 3 1 1");
     EXPECT_EQ(active().integration_time, 777u);
@@ -106,7 +107,8 @@ TEST_F(Devices, SelectingClosingTheFifthDeviceAndOpeningAnOpenBridge) {
     kavrel_direct_close_all_devices();
     EXPECT_EQ(table(), "0 0 0 -1 0");
     EXPECT_EQ(bridge.trace(),
-              "list, entries 5, open 4, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, close 4, close 2, "
+              "list, entries 5, open 4, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
+              "close 4, close 2, "
               "(list, entries 5) x2, open 4, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
               "close 0, close 1, close 4, close 3");
 }
@@ -133,7 +135,8 @@ TEST_F(Devices, ConcurrentOpensAreSerialised) {
     std::vector<std::thread> threads;
     std::vector<int32_t> results(6);
     for (int i = 0; i < 6; ++i)
-        threads.emplace_back([i, &results] { results[static_cast<size_t>(i)] = kavrel_direct_open_device(i); });
+        threads.emplace_back(
+            [i, &results] { results[static_cast<size_t>(i)] = kavrel_direct_open_device(i); });
     for (auto &t : threads) t.join();
     EXPECT_EQ(std::count(results.begin(), results.end(), KAVREL_DIRECT_OK), 4);
     EXPECT_EQ(std::count(results.begin(), results.end(), KAVREL_DIRECT_ERR_OPEN_FAILED), 2);
@@ -154,10 +157,12 @@ TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
         EXPECT_EQ(table(), "1 32767 2 1 1");
         kavrel_direct_close_device();
         EXPECT_EQ(other.trace(),
-                  "list, entries 1, open 0, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, close 0");
+                  "list, entries 1, open 0, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
+                  "close 0");
     }
     kavrel_direct_close_all_devices();
-    EXPECT_EQ(bridge.trace(), "purge 3, write 32, timeouts 200 5000, read 28:28, read 20:20, timeouts 5000 5000, close 0");
+    EXPECT_EQ(bridge.trace(),
+              "purge 3, write 32, timeouts 200 5000, read 28:28, read 20:20, timeouts 5000 5000, close 0");
 }
 
 // The table queries answer at once while another thread waits in an
@@ -181,7 +186,8 @@ TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
     reader.join();
     closer.join();
     EXPECT_EQ(result, KAVREL_DIRECT_OK);
-    EXPECT_EQ(bridge.trace(), "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
+    EXPECT_EQ(bridge.trace(),
+              "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
 }
 
 // A provider that throws, or calls back into the library, from inside a
@@ -228,9 +234,9 @@ TEST(NullProvider, ListsNothingAndFailsEveryCall) {
     EXPECT_EQ(null.write(h, &count, 1, &done) + done, platform::kNoDriver);
     done = 9;
     EXPECT_EQ(null.read(h, &count, 1, &done) + done, platform::kNoDriver);
-    for (platform::Status status : {null.open(0, &h), null.close(h), null.set_timeouts(h, 1, 1),
-                                    null.set_latency_timer(h, 1), null.set_usb_parameters(h, 1, 1), null.purge(h, 3),
-                                    null.reset_device(h)})
+    for (platform::Status status :
+         {null.open(0, &h), null.close(h), null.set_timeouts(h, 1, 1), null.set_latency_timer(h, 1),
+          null.set_usb_parameters(h, 1, 1), null.purge(h, 3), null.reset_device(h)})
         EXPECT_EQ(status, platform::kNoDriver);
     const double before = null.now_ms();
     null.sleep_ms(2);

@@ -15,9 +15,9 @@ namespace kavrel::test {
 namespace {
 
 TEST(SpectrumTimeLimit, IntegrationRoundedUpTimesAveragesPlusASecondAtMostTwoMinutes) {
-    const uint32_t cases[][3] = {{10000, 1, 1010},          {0, 1, 1000},           {2500, 16, 1048},
-                                 {1500, 0, 1002},           {2500000, 100, 120000}, {0xFFFFFFFFu, 255, 120000},
-                                 {119000000, 1, 120000},    {118999000, 1, 119999}};
+    const uint32_t cases[][3] = {{10000, 1, 1010},       {0, 1, 1000},           {2500, 16, 1048},
+                                 {1500, 0, 1002},        {2500000, 100, 120000}, {0xFFFFFFFFu, 255, 120000},
+                                 {119000000, 1, 120000}, {118999000, 1, 119999}};
     for (const auto &c : cases)
         EXPECT_EQ(spectrum_time_limit_ms(c[0], static_cast<uint8_t>(c[1])), c[2]) << c[0] << " us, " << c[1];
 }
@@ -38,7 +38,8 @@ Bytes part(const Bytes &bytes, size_t from, size_t to) {
 Bytes damaged(Bytes packet, size_t at) {
     return packet[at] ^= 0x01, packet;
 }
-const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}), kSix = nir_reply({1, 2, 3, 4, 5, 6});
+const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
+            kSix = nir_reply({1, 2, 3, 4, 5, 6});
 Bytes coded(uint8_t code) {
     return cm2_reply(0xC1, 0x41, {1, 2, 3, 4}, code);
 }
@@ -120,7 +121,8 @@ class NirExchange : public Exchange, public ::testing::WithParamInterface<Case> 
 TEST_P(Cm2Exchange, Traffic) {
     const Case &c = GetParam();
     open(false);
-    bridge.expect(device, cm2_query_bytes(static_cast<uint8_t>(c.a), 0x41, static_cast<uint16_t>(c.b)), c.reply);
+    bridge.expect(device, cm2_query_bytes(static_cast<uint8_t>(c.a), 0x41, static_cast<uint16_t>(c.b)),
+                  c.reply);
     const double start = bridge.now();
     const int32_t result = cm2_query(static_cast<uint8_t>(c.a), 0x41, c.b, answer, sizeof answer, &length);
     check(c, result, bridge.now() - start, 28);
@@ -153,7 +155,8 @@ TEST_F(Exchange, Cm2WritesAtMost2016BytesAndANullAnswerStillCounts) {
     const Bytes data(2017, 1);
     EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(bridge.trace(), "");
-    bridge.expect(device, cm2_write_bytes(0xC7, 0, Bytes(2016, 1)), at_once(cm2_reply(0xC7, 0, Bytes(12, 1))));
+    bridge.expect(device, cm2_write_bytes(0xC7, 0, Bytes(2016, 1)),
+                  at_once(cm2_reply(0xC7, 0, Bytes(12, 1))));
     EXPECT_EQ(send_and_recv(0xC7, 0, data.data(), 2016, nullptr, &length, 0, 0), OK);
     EXPECT_EQ(length, 12);
 }
@@ -174,10 +177,12 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
         return ::testing::internal::GetCapturedStdout();
     };
     EXPECT_EQ(traced(0xC6, {Chunk{cm2_reply(0xC6, 0, Bytes(8, 0)), 30}}, OK),
-              "[trace C6] write=0.000 ms, wait_header=30.000 ms, read_body=0.000 ms, total=30.000 ms, expected=40\n");
+              "[trace C6] write=0.000 ms, wait_header=30.000 ms, read_body=0.000 ms, total=30.000 ms, "
+              "expected=40\n");
     EXPECT_EQ(traced(0xC1, at_once(cm2_reply(0xC1, 0, Bytes(8, 0))), OK), "");
-    EXPECT_EQ(traced(0xC6, at_once(cm2_reply(0xC6, 0, {}, 0xE1)), CRC),
-              "[trace C6] write=0.000 ms, wait_header=0.000 ms, read_body=0.000 ms, total=0.000 ms, expected=32\n");
+    EXPECT_EQ(
+        traced(0xC6, at_once(cm2_reply(0xC6, 0, {}, 0xE1)), CRC),
+        "[trace C6] write=0.000 ms, wait_header=0.000 ms, read_body=0.000 ms, total=0.000 ms, expected=32\n");
 #ifdef _WIN32
     _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "");
 #else

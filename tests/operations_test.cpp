@@ -156,8 +156,8 @@ Call selection_after(double start, double end) {
         const int32_t rc = kavrel_direct_set_selected_wavelength_range(start, end);
         kavrel_direct_wavelength_selection s{};
         if (kavrel_direct_get_selected_wavelength_range(&s) == OK)
-            out = str(s.requested_start, s.requested_end, s.actual_start, s.actual_end, s.start_index, s.end_index,
-                      s.selected_count);
+            out = str(s.requested_start, s.requested_end, s.actual_start, s.actual_end, s.start_index,
+                      s.end_index, s.selected_count);
         return rc;
     };
 }
@@ -172,7 +172,8 @@ Call page_read(uint16_t page, int32_t length) {
     };
 }
 Call page_write(uint16_t page, const Bytes &data, int32_t length) {
-    return [=](Out &) { return kavrel_direct_flash_write(page, data.empty() ? nullptr : data.data(), length); };
+    return
+        [=](Out &) { return kavrel_direct_flash_write(page, data.empty() ? nullptr : data.data(), length); };
 }
 
 Call external(uint16_t control, int32_t count) {
@@ -198,8 +199,8 @@ Call device_info() {
         kavrel_direct_device_info i;
         std::memset(&i, 0x5A, sizeof i);
         const int32_t rc = kavrel_direct_get_device_info(&i);
-        out = str(i.protocol, i.capabilities) + " " + i.protocol_name + "|" + i.model + "|" + i.serial_number + "|" +
-              i.hardware_version;
+        out = str(i.protocol, i.capabilities) + " " + i.protocol_name + "|" + i.model + "|" +
+              i.serial_number + "|" + i.hardware_version;
         // Every byte past a text is zero.
         EXPECT_EQ(i.protocol_name[31] | i.model[31] | i.serial_number[31] | i.hardware_version[63], 0);
         return rc;
@@ -228,14 +229,19 @@ Traffic poll(uint32_t address, uint8_t state) {
 
 // An NIR spectrum frame, read with 99 points cached; the point count after.
 Row frame(const char *name, const Bytes &data, int32_t result, const char *out) {
-    return {name, NIR, [](Out &out) {
+    return {name,
+            NIR,
+            [](Out &out) {
                 slot().wavelength_count = 99;
                 const int32_t rc = fill(kavrel_direct_get_full_spectrum_data)(out);
                 return out += "|" + str(slot().wavelength_count), rc;
             },
-            {{N({0x53}), A(data)}}, result, out};
+            {{N({0x53}), A(data)}},
+            result,
+            out};
 }
 
+// clang-format off
 const Row kRows[] = {
     // Acquisition settings: a one-byte setting sits in byte 3 of its word.
     {"SetIntegrationTime", CM2, cached(DO(set_integration_time(0x12345))), {{W(0xC1, 0, {0, 1, 0x23, 0x45}), ACK}},
@@ -505,6 +511,7 @@ const Row kRows[] = {
     {"ExternalSpectrumGivesUp", CM2, external(1, 3), Script{block(0x4C, {0xC0, 0xDD, 0, 1})} + times(200, poll(0x4C, 0x55)),
      TIMEOUT, "0 48879", 2000},
 };
+// clang-format on
 
 void PrintTo(const Row &row, std::ostream *os) {
     *os << row.name;
@@ -527,8 +534,9 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, Operations, ::testing::ValuesIn(kRows),
-                         [](const auto &info) { return std::string(info.param.nir ? "Nir" : "Cm2") + info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Rows, Operations, ::testing::ValuesIn(kRows), [](const auto &info) {
+    return std::string(info.param.nir ? "Nir" : "Cm2") + info.param.name;
+});
 
 // Selecting a range on tables of every shape, on an instrument that answers
 // any table request. A set that fails keeps the selection before it whole.

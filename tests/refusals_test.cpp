@@ -38,6 +38,7 @@ struct Refusal {
     int32_t cm2, nir, closed = CLOSED;
 };
 
+// clang-format off
 const Refusal kRefusals[] = {
     {"protocol", [] { return kavrel_direct_get_device_protocol(nullptr); }, ARG, ARG},
     {"capabilities", [] { return kavrel_direct_get_capabilities(nullptr); }, ARG, ARG},
@@ -136,6 +137,7 @@ const Refusal kRefusals[] = {
     {"chip serial, one byte", [] { return kavrel_direct_get_chip_serial_by_index(0, text, 1); }, ARG, ARG, ARG},
     {"chip serial, negative", [] { return kavrel_direct_get_chip_serial_by_index(-1, text, 8); }, ARG, ARG, ARG},
 };
+// clang-format on
 
 class Refused : public DeviceTest, public ::testing::WithParamInterface<int> {};
 

@@ -38,8 +38,12 @@ protected:
         bridge.clear_calls();
         return index;
     }
-    int open_cm2(const std::string &serial = "CM2A0001") { return open_with(KAVREL_DIRECT_PROTOCOL_CM2, serial); }
-    int open_nir(const std::string &serial = "NIRA0001") { return open_with(KAVREL_DIRECT_PROTOCOL_NIR, serial); }
+    int open_cm2(const std::string &serial = "CM2A0001") {
+        return open_with(KAVREL_DIRECT_PROTOCOL_CM2, serial);
+    }
+    int open_nir(const std::string &serial = "NIRA0001") {
+        return open_with(KAVREL_DIRECT_PROTOCOL_NIR, serial);
+    }
 
     device_slot &active() { return g_devices[g_active_index]; }
 

@@ -70,7 +70,8 @@ void FakeBridge::reply_any(int index, std::vector<Chunk> reply) {
 
 std::vector<BridgeCall> FakeBridge::calls_named(const std::string &name) const {
     std::vector<BridgeCall> out;
-    std::copy_if(calls.begin(), calls.end(), std::back_inserter(out), [&](auto &c) { return c.name == name; });
+    std::copy_if(calls.begin(), calls.end(), std::back_inserter(out),
+                 [&](auto &c) { return c.name == name; });
     return out;
 }
 
@@ -78,10 +79,10 @@ std::string FakeBridge::trace() const {
     std::vector<std::string> items;
     for (const BridgeCall &c : calls) {
         const std::string a = " " + std::to_string(c.a), b = std::to_string(c.b);
-        items.push_back(c.name + (c.name == "list" || c.name == "reset" ? ""
-                                  : c.name == "read"                    ? a + ":" + b
+        items.push_back(c.name + (c.name == "list" || c.name == "reset"     ? ""
+                                  : c.name == "read"                        ? a + ":" + b
                                   : c.name == "timeouts" || c.name == "usb" ? a + " " + b
-                                                                        : a));
+                                                                            : a));
     }
     std::string out;
     for (size_t i = 0; i < items.size();) {
@@ -159,7 +160,8 @@ platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32
         const Step step = device.script.front();
         device.script.pop_front();
         if (step.expect && *step.expect != data)
-            ADD_FAILURE() << "unexpected write\n  expected: " << hex(*step.expect) << "\n  actual:   " << hex(data);
+            ADD_FAILURE() << "unexpected write\n  expected: " << hex(*step.expect)
+                          << "\n  actual:   " << hex(data);
         *written = step.written.value_or(count);
         if (step.write_status != 0) return step.write_status;
         reply = step.reply;
@@ -182,7 +184,8 @@ platform::Status FakeBridge::read(platform::Handle h, void *buffer, uint32_t cou
     }
     *returned = 0;
     if (device.fail_read_after >= 0 && device.fail_read_after-- == 0) return record("read", count), 4;
-    *returned = static_cast<uint32_t>(device.inbox->read(static_cast<uint8_t *>(buffer), count, device.read_limit_ms));
+    *returned = static_cast<uint32_t>(
+        device.inbox->read(static_cast<uint8_t *>(buffer), count, device.read_limit_ms));
     record("read", count, *returned);
     return 0;
 }
@@ -195,8 +198,8 @@ void put_be(Bytes &out, uint32_t value, int bytes) {
     while (bytes-- > 0) out.push_back(static_cast<uint8_t>(value >> (8 * bytes)));
 }
 
-Bytes cm2_packet(uint8_t srv, bool from_host, uint16_t file_len, uint16_t data_len, uint8_t reg, uint32_t address,
-                 uint8_t reply, const Bytes &data) {
+Bytes cm2_packet(uint8_t srv, bool from_host, uint16_t file_len, uint16_t data_len, uint8_t reg,
+                 uint32_t address, uint8_t reply, const Bytes &data) {
     Bytes out{0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0xCC};
     put_be(out, from_host ? 0x00010002 : 0x00020001, 4);  // target, source
     out.insert(out.end(), {srv, 0xEE});

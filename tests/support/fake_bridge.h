@@ -97,7 +97,9 @@ public:
     platform::Status close(platform::Handle h) { return record("close", index_of(h)), 0; }
     platform::Status set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms);
     platform::Status set_latency_timer(platform::Handle, uint8_t ms) { return record("latency", ms), 0; }
-    platform::Status set_usb_parameters(platform::Handle, uint32_t in, uint32_t out) { return record("usb", in, out), 0; }
+    platform::Status set_usb_parameters(platform::Handle, uint32_t in, uint32_t out) {
+        return record("usb", in, out), 0;
+    }
     platform::Status purge(platform::Handle h, uint32_t mask);
     platform::Status reset_device(platform::Handle) { return record("reset"), 0; }
     platform::Status write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written);

@@ -28,7 +28,8 @@ inline Bytes le_floats(const std::vector<float> &values) {
 // Samples as both protocols send them: most significant byte first.
 inline Bytes be_samples(const std::vector<uint16_t> &values) {
     Bytes out;
-    for (uint16_t value : values) out.insert(out.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
+    for (uint16_t value : values)
+        out.insert(out.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
     return out;
 }
 
