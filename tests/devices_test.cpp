@@ -281,34 +281,6 @@ TEST(D2xxProvider, PassesEveryCallThroughAndTerminatesTheTexts) {
 }
 #endif
 
-TEST(TimingEngine, ReadsEndAtTheCountOrTheLimitAndPurgeDropsOnlyWhatHasArrived) {
-    platform::Clock clock(platform::Clock::Mode::virtual_time);
-    platform::Inbox inbox(clock);
-    const double t0 = clock.now_ms();
-    uint8_t out[8] = {};
-    inbox.deliver({1, 2, 3}, t0 + 10);
-    inbox.deliver({4, 5}, t0 + 30);
-    EXPECT_EQ(inbox.read(out, 5, 1000), 5u);  // at the second arrival
-    EXPECT_EQ(clock.now_ms() - t0, 30);
-    EXPECT_EQ(out[4], 5);
-    inbox.deliver({6}, t0 + 40);
-    inbox.deliver({7}, t0 + 100);
-    EXPECT_EQ(inbox.read(out, 2, 20), 1u);  // the limit passes with part
-    EXPECT_EQ(clock.now_ms() - t0, 50);
-    EXPECT_EQ(inbox.in_flight(), 1u);
-    EXPECT_EQ(inbox.read(out, 2, 0), 0u);  // a zero limit never waits
-    inbox.deliver({8, 8}, t0 + 50);
-    inbox.purge();
-    EXPECT_EQ(inbox.arrived(), 0u);
-    EXPECT_EQ(inbox.read(out, 4, 100), 1u);
-    EXPECT_EQ(out[0], 7);
-    clock.sleep_ms(0.5);
-    EXPECT_EQ(clock.now_ms() - t0, 150.5);
-    inbox.deliver({3}, t0 + 500);
-    inbox.clear();  // an unplugged bridge: nothing more arrives
-    EXPECT_EQ(inbox.read(out, 1, 1000), 0u);
-}
-
 TEST(TimingEngine, RealTimeReadIsWokenByADeliveryFromAnotherThread) {
     platform::Clock clock(platform::Clock::Mode::real);
     platform::Inbox inbox(clock);

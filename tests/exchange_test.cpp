@@ -35,9 +35,6 @@ struct Case {
 Bytes part(const Bytes &bytes, size_t from, size_t to) {
     return Bytes(bytes.begin() + static_cast<long>(from), bytes.begin() + static_cast<long>(to));
 }
-Bytes damaged(Bytes packet, size_t at) {
-    return packet[at] ^= 0x01, packet;
-}
 const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
             kSix = nir_reply({1, 2, 3, 4, 5, 6});
 Bytes coded(uint8_t code) {
@@ -62,13 +59,8 @@ const Case kCm2Cases[] = {
      "purge 3, write 32, timeouts 200 5000, read 28:10, read 18:0", 400},
     {"SpectrumRegisterWaitsItsLimit", 0xC6, 1024, {}, TIMEOUT, -1, "purge 3, write 32, timeouts 1010 5000, read 28:0", 1010},
     {"OtherRegistersWaitTheShortLimit", 0xC5, 1024, {}, TIMEOUT, -1, "purge 3, write 32, timeouts 200 5000, read 28:0", 200},
-    {"CommandTimeout", 0xC1, 1, at_once(coded(0xE0)), TIMEOUT, -1, nullptr, 0},
-    {"CrcMismatch", 0xC1, 1, at_once(coded(0xE1)), CRC, -1, nullptr, 0},
-    {"InvalidCommand", 0xC1, 1, at_once(coded(0xE2)), IO, -1, nullptr, 0},
-    {"WriteProtect", 0xC1, 1, at_once(coded(0xE3)), KAVREL_DIRECT_ERR_WRITE_PROTECT, -1, nullptr, 0},
+    // The other reply codes and damaged replies: tests/sim/faults_test.cpp.
     {"UnknownReplyCode", 0xC1, 1, at_once(coded(0x00)), IO, -1, nullptr, 0},
-    {"BadCrc", 0xC1, 1, at_once(damaged(coded(0xAC), 30)), CRC, -1, nullptr, 0},
-    {"BadPreamble", 0xC1, 1, at_once(damaged(coded(0xAC), 0)), KAVREL_DIRECT_ERR_PARSE, -1, nullptr, 0},
 };
 
 // A reply is complete once the line has been quiet for the quiet time after
@@ -81,9 +73,6 @@ const Case kNirCases[] = {
     {"CutAtTheCapacity", 32, 500, at_once(nir_reply(Bytes(40, 0x21))), OK, 32, nullptr, 595},
     {"Silence", 32, 300, {}, TIMEOUT, -1,
      "purge 3, write 3, timeouts 50 5000, (read 16384:0, sleep 5) x5, read 16384:0, timeouts 5000 5000", 325},
-    {"NegativeAcknowledge", 32, 500, at_once(nir_reply({}, 0x15)), IO, -1, nullptr, 595},
-    {"DamagedReply", 32, 500, at_once(damaged(nir_reply({}, 0x15), 2)), CRC, -1, nullptr, 595},
-    {"TooShortForAFrame", 32, 500, at_once({0x06, 0x42}), IO, -1, nullptr, 595},
     // Full at the receive limit: no wait for silence, the rest is not read.
     {"ReceiveLimitEndsTheReading", 32, 120000, at_once(concat({nir_reply(Bytes(16381, 0x33)), Bytes(100, 0x44)})),
      OK, 32, "purge 3, write 3, timeouts 50 5000, read 16384:16384, timeouts 5000 5000", 0},
