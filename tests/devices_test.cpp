@@ -5,7 +5,6 @@
 #include <string>
 #include <thread>
 
-#include "platform/timing_engine.h"
 #include "support/device_fixture.h"
 
 #ifdef KAVREL_TEST_FAKE_D2XX
@@ -125,21 +124,6 @@ TEST_F(Devices, ABridgeThatWillNotOpenSerialsMatchedExactlyAndThePreference) {
     EXPECT_EQ(kavrel_direct_set_protocol_preference(-1), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(kavrel_direct_set_protocol_preference(2), KAVREL_DIRECT_OK);
     EXPECT_EQ(g_protocol_preference, 2u);
-}
-
-// Opens from several threads are serialised: each succeeds or finds the
-// slots full.
-TEST_F(Devices, ConcurrentOpensAreSerialised) {
-    for (int i = 0; i < 6; ++i) bridge.attach("T" + std::to_string(i));
-    kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_NIR);
-    std::vector<std::thread> threads;
-    std::vector<int32_t> results(6);
-    for (int i = 0; i < 6; ++i)
-        threads.emplace_back(
-            [i, &results] { results[static_cast<size_t>(i)] = kavrel_direct_open_device(i); });
-    for (auto &t : threads) t.join();
-    EXPECT_EQ(std::count(results.begin(), results.end(), KAVREL_DIRECT_OK), 4);
-    EXPECT_EQ(std::count(results.begin(), results.end(), KAVREL_DIRECT_ERR_OPEN_FAILED), 2);
 }
 
 TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
@@ -280,17 +264,6 @@ TEST(D2xxProvider, PassesEveryCallThroughAndTerminatesTheTexts) {
     dlclose(driver);
 }
 #endif
-
-TEST(TimingEngine, RealTimeReadIsWokenByADeliveryFromAnotherThread) {
-    platform::Clock clock(platform::Clock::Mode::real);
-    platform::Inbox inbox(clock);
-    uint8_t out[1] = {};
-    std::thread sender([&] { inbox.deliver({9}, clock.now_ms()); });
-    // A generous limit: the test fails only if the wake-up is lost.
-    EXPECT_EQ(inbox.read(out, 1, 60000), 1u);
-    sender.join();
-    EXPECT_EQ(out[0], 9);
-}
 
 }  // namespace
 }  // namespace kavrel::test
