@@ -86,7 +86,7 @@ Bytes with(Bytes packet, size_t at, uint8_t value) {
 }
 
 TEST(Cm2Parser, Fields) {
-    const Bytes reply = cm2_reply(0xC2, 0x00000B, {0x01, 0, 0x08, 0x09});
+    const Bytes reply = cm2_reply(0xC2, 0x01020B, {0x01, 0, 0x08, 0x09});
     Bytes no_data = with(cm2_reply(0xC1, 0x41, {}, 0xE1), 25, 0xB0);  // byte 25 after the CRC was taken
     Bytes one_byte = cm2_reply(0xC1, 0x41, {});
     one_byte.insert(one_byte.begin() + 28, 0x77);
@@ -96,19 +96,19 @@ TEST(Cm2Parser, Fields) {
         std::string expected;
     } cases[] = {
         {"reply with data", reply,
-         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 00000B 0 AC size=4 0109 crc=F41DA058/1 raw=36"},
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=4 0109 crc=3529E3E0/1 raw=36"},
         {"no data below 33 bytes", no_data,
          "0 AAAB/1 CC 0002 0001 EA EE 0 0 1 1 C1 000041 B E1 size=0 0000 crc=C3CB2C1F/0 raw=32"},
         {"33 bytes: one data byte", one_byte,
          "0 AAAB/1 CC 0002 0001 EA EE 0 0 1 1 C1 000041 0 AC size=1 7777 crc=CBA61132/0 raw=33"},
         {"28 bytes: head only, CRC from its last four", Bytes(reply.begin(), reply.begin() + 28),
-         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 00000B 0 AC size=0 0000 crc=0B0000AC/0 raw=28"},
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=0 0000 crc=0B0000AC/0 raw=28"},
         {"24 bytes: no PIO, ANS or data", Bytes(reply.begin(), reply.begin() + 24),
-         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 00 000000 0 00 size=0 0000 crc=01C20000/0 raw=24"},
-        {"wrong preamble: fields filled, the CRC does not cover it", with(reply, 7, 0xAA),
-         "-1 AAAA/0 CC 0002 0001 E0 EE 1 1 1 1 C2 00000B 0 AC size=4 0109 crc=F41DA058/1 raw=36"},
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 00 000000 0 00 size=0 0000 crc=01C20102/0 raw=24"},
+        {"wrong preamble: fields filled, the CRC does not cover it", with(reply, 3, 0x55),
+         "-1 AAAB/0 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=4 0109 crc=3529E3E0/1 raw=36"},
         {"CRC wrong: parsed all the same", with(reply, 35, 0x00),
-         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 00000B 0 AC size=4 0109 crc=F41DA000/0 raw=36"},
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=4 0109 crc=3529E300/0 raw=36"},
         {"data beyond 8192 bytes is cut, the CRC covers all", cm2_reply(0xC6, 0, Bytes(8196, 0x42)),
          "0 AAAB/1 CC 0002 0001 E0 EE 2049 2049 1 1 C6 000000 0 AC size=8192 4242 crc=AFA29200/1 raw=8228"},
     };
@@ -206,7 +206,7 @@ TEST(PacketPrinters, HexDumpAndFramedReport) {
         "\n========== Version ==========\n[SEND] (32 bytes):\n        AA AA AA AA AA AA AA AB CC 00 "
         "01 00 02 0D EE 00\n        02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC\n";
     const std::string end = "==============================\n";
-    EXPECT_EQ(printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, nullptr, 0); }),
+    EXPECT_EQ(printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, nullptr, 10); }),
               head + "[RECV]: No data\n" + end);
     EXPECT_EQ(
         printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, junk.data(), 10); }),

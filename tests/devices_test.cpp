@@ -241,7 +241,9 @@ TEST(D2xxProvider, PassesEveryCallThroughAndTerminatesTheTexts) {
     platform::BridgeEntry entries[2];
     std::memset(entries, 0x7F, sizeof entries);
     EXPECT_EQ(d.create_device_info_list(&count) + count, 2u);
-    count = 1;  // the driver fills all its entries whatever the room: one is kept
+    count = 0;  // the driver fills all its entries whatever the room: none, then one is kept
+    EXPECT_EQ(d.get_device_info_list(entries, &count) + count, 0u);
+    count = 1;
     EXPECT_EQ(d.get_device_info_list(entries, &count) + count, 1u);
     EXPECT_EQ(std::string(entries[0].serial_number) + "|" + entries[0].description, "FK000001|Fake Bridge A");
     EXPECT_EQ(entries[0].serial_number[15] | entries[0].description[63], 0);
