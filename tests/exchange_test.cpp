@@ -57,8 +57,10 @@ const Case kCm2Cases[] = {
     // The short limit stays in force after a read that failed.
     {"TruncatedTimesOutWhenAReadComesBackEmpty", 0xC1, 2, at_once(part(kEight, 0, 10)), TIMEOUT, -1,
      "purge 3, write 32, timeouts 200 5000, read 28:10, read 18:0", 400},
-    {"SpectrumRegisterWaitsItsLimit", 0xC6, 1024, {}, TIMEOUT, -1, "purge 3, write 32, timeouts 1010 5000, read 28:0", 1010},
-    {"OtherRegistersWaitTheShortLimit", 0xC5, 1024, {}, TIMEOUT, -1, "purge 3, write 32, timeouts 200 5000, read 28:0", 200},
+    {"SpectrumRegisterWaitsItsLimit", 0xC6, 1024, {}, TIMEOUT, -1,
+     "purge 3, write 32, timeouts 1010 5000, read 28:0", 1010},
+    {"OtherRegistersWaitTheShortLimit", 0xC5, 1024, {}, TIMEOUT, -1,
+     "purge 3, write 32, timeouts 200 5000, read 28:0", 200},
     // The other reply codes and damaged replies: tests/sim/faults_test.cpp.
     {"UnknownReplyCode", 0xC1, 1, at_once(coded(0x00)), IO, -1, nullptr, 0},
 };
@@ -67,14 +69,17 @@ const Case kCm2Cases[] = {
 // its last byte, noticed within one 50 ms read and a 5 ms pause.
 const Case kNirCases[] = {
     {"AcknowledgeWithoutData", 32, 500, at_once(nir_reply({})), OK, 0,
-     "purge 3, write 3, timeouts 50 5000, read 16384:3, (read 16381:0, sleep 5) x9, read 16381:0, timeouts 5000 5000", 595},
+     "purge 3, write 3, timeouts 50 5000, read 16384:3, (read 16381:0, sleep 5) x9, read 16381:0, "
+     "timeouts 5000 5000", 595},
     {"QuietTimeRunsFromTheLastByte", 32, 500,
-     {Chunk{part(kSix, 0, 3), 0}, Chunk{part(kSix, 3, 6), 400}, Chunk{part(kSix, 6, 9), 400}}, OK, 6, nullptr, 1355},
+     {Chunk{part(kSix, 0, 3), 0}, Chunk{part(kSix, 3, 6), 400}, Chunk{part(kSix, 6, 9), 400}}, OK, 6, nullptr,
+     1355},
     {"CutAtTheCapacity", 32, 500, at_once(nir_reply(Bytes(40, 0x21))), OK, 32, nullptr, 595},
     {"Silence", 32, 300, {}, TIMEOUT, -1,
      "purge 3, write 3, timeouts 50 5000, (read 16384:0, sleep 5) x5, read 16384:0, timeouts 5000 5000", 325},
     // Full at the receive limit: no wait for silence, the rest is not read.
-    {"ReceiveLimitEndsTheReading", 32, 120000, at_once(concat({nir_reply(Bytes(16381, 0x33)), Bytes(100, 0x44)})),
+    {"ReceiveLimitEndsTheReading", 32, 120000,
+     at_once(concat({nir_reply(Bytes(16381, 0x33)), Bytes(100, 0x44)})),
      OK, 32, "purge 3, write 3, timeouts 50 5000, read 16384:16384, timeouts 5000 5000", 0},
 };
 // clang-format on
