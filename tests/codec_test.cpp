@@ -1,5 +1,5 @@
-// CM2 packet codec: CRC-32, the two builders and the parser, against the
-// exact bytes an instrument expects.
+// The CM2 codec and the packet printers against literal bytes and text: the
+// only check of the codec that does not go through the tests' own encoder.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,155 +12,211 @@
 namespace kavrel::test {
 namespace {
 
-uint32_t crc_of(const char *text) {
-    return kavrel_direct_crc32(reinterpret_cast<const uint8_t *>(text),
-                               static_cast<int32_t>(std::strlen(text)));
+uint32_t crc_of(const char *text, int32_t length) {
+    return kavrel_direct_crc32(reinterpret_cast<const uint8_t *>(text), length);
 }
 
-TEST(Crc32, KnownValuesAndEmptyInput) {
-    EXPECT_EQ(crc_of("123456789"), 0xCBF43926u);
-    EXPECT_EQ(crc_of("abc"), 0x352441C2u);
-    const uint8_t byte = 0x41;
-    EXPECT_EQ(kavrel_direct_crc32(&byte, 0), 0u);
-    EXPECT_EQ(kavrel_direct_crc32(&byte, -5), 0u);
-    EXPECT_EQ(kavrel_direct_crc32(nullptr, 0), 0u);
+TEST(Crc32, CheckValues) {
+    EXPECT_EQ(crc_of("123456789", 9), 0xCBF43926u);
+    EXPECT_EQ(crc_of("abc", 3), 0x352441C2u);
+    EXPECT_EQ(crc_of("A", 0), 0u);
+    EXPECT_EQ(crc_of("A", -5), 0u);
+    EXPECT_EQ(crc_of(nullptr, 4), 0u);
 }
 
-TEST(Cm2Builders, QueryPacketBytes) {
-    const Bytes expected = {0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0xCC, 0x00, 0x01,
-                            0x00, 0x02, 0x0D, 0xEE, 0x00, 0x02, 0x00, 0x00, 0x01, 0x01, 0xC1,
-                            0x00, 0x00, 0x41, 0x00, 0x00, 0x00, 0xAC, 0x0B, 0xB3, 0xBC};
-    Bytes out(32);
-    EXPECT_EQ(kavrel_direct_build_query(0xC1, 0x000041, 2, out.data()), 32);
-    EXPECT_EQ(hex(out), hex(expected));
+Bytes built_write(uint8_t reg, uint32_t address, const Bytes &data) {
+    Bytes out(64);
+    const auto n = static_cast<int32_t>(data.size());
+    out.resize(static_cast<size_t>(kavrel_direct_build_write(reg, address, data.data(), n, out.data())));
+    return out;
 }
 
-TEST(Cm2Builders, WritePacketBytes) {
-    const Bytes expected = {0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0xCC, 0x00, 0x01, 0x00,
-                            0x02, 0xAD, 0xEE, 0x00, 0x01, 0x00, 0x01, 0x01, 0x01, 0xC1, 0x00, 0x00,
-                            0x12, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xEA, 0x1E, 0x48, 0x5C, 0xFC};
-    EXPECT_EQ(hex(cm2_write_bytes(0xC1, 0x000012, {0x00, 0x00, 0x00, 0xEA})), hex(expected));
-}
-
-TEST(Cm2Builders, WritePadsToWholeWordsUnderTheCrc) {
-    const Bytes packet = cm2_write_bytes(0xC7, 0, {'a', 'b', 'c'});
-    ASSERT_EQ(packet.size(), 36u);
-    EXPECT_EQ(hex(Bytes(packet.begin() + 15, packet.begin() + 19)), "00 01 00 01");
-    EXPECT_EQ(hex(Bytes(packet.begin() + 28, packet.end())), "61 62 63 00 0E A5 1C C3");
-}
-
-TEST(Cm2Builders, EmptyWriteIsAHeadAndACrc) {
-    const Bytes packet = cm2_write_bytes(0xC7, 0, {});
-    ASSERT_EQ(packet.size(), 32u);
-    EXPECT_EQ(hex(Bytes(packet.begin() + 15, packet.begin() + 19)), "00 00 00 00");
-    const uint32_t crc = kavrel_direct_crc32(packet.data() + 8, 20);
-    EXPECT_EQ(packet[28], crc >> 24);
-    EXPECT_EQ(packet[31], crc & 0xFF);
-}
-
-class Cm2Parser : public ::testing::Test {
-protected:
-    std::unique_ptr<cm2_packet> out = std::make_unique<cm2_packet>();
-    int32_t parse(const Bytes &bytes) {
-        std::memset(out.get(), 0x5A, sizeof *out);  // catch fields left unwritten
-        return kavrel_direct_parse_response(bytes.data(), static_cast<int32_t>(bytes.size()), out.get());
+// Each packet built by the library and by the tests' encoder.
+TEST(Cm2Builders, GoldenPackets) {
+    Bytes query(32);
+    EXPECT_EQ(kavrel_direct_build_query(0xC1, 0x000041, 2, query.data()), 32);
+    const Bytes word{0x00, 0x00, 0x00, 0xEA}, abc{'a', 'b', 'c'};
+    const struct {
+        Bytes library, encoder;
+        const char *expected;
+    } cases[] = {
+        {query, cm2_query_bytes(0xC1, 0x41, 2),
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 0D EE 00 02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC"},
+        {built_write(0xC1, 0x12, word), cm2_write_bytes(0xC1, 0x12, word),
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C1 00 00 12 00 00 00 00 00 00 EA 1E "
+         "48 5C FC"},
+        // Padded to a whole word under the CRC.
+        {built_write(0xC7, 0, abc), cm2_write_bytes(0xC7, 0, abc),
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C7 00 00 00 00 00 00 61 62 63 00 0E "
+         "A5 1C C3"},
+        {built_write(0xC7, 0, {}), cm2_write_bytes(0xC7, 0, {}),
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 00 00 00 01 01 C7 00 00 00 00 00 00 C6 0A E9 64"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(hex(c.library), c.expected);
+        EXPECT_EQ(hex(c.encoder), c.expected);
     }
-    bool all_zero() const {
-        const auto *p = reinterpret_cast<const uint8_t *>(out.get());
-        for (size_t i = 0; i < sizeof *out; ++i)
-            if (p[i] != 0) return false;
-        return true;
+}
+
+// Every field of a parsed record, and the parser's result, as one line.
+std::string parsed(const Bytes &packet, int32_t length = -1) {
+    auto p = std::make_unique<cm2_packet>();
+    std::memset(p.get(), 0x5A, sizeof *p);  // fields left unwritten show
+    const int32_t rc = kavrel_direct_parse_response(
+        packet.data(), length < 0 ? static_cast<int32_t>(packet.size()) : length, p.get());
+    char line[256];
+    std::snprintf(
+        line, sizeof line,
+        "%d %02X%02X/%d %02X %04X %04X %02X %02X %d %d %d %d %02X %06X %X %02X size=%d %02X%02X crc=%08X/%d "
+        "raw=%d",
+        rc, p->pre[0], p->pre[7], p->preamble_ok, p->ver, p->ta, p->sa, p->srv, p->fsn, p->file_len,
+        p->data_len, p->sn_packets, p->sn_index, p->pio_reg, static_cast<unsigned>(p->pio_addr),
+        p->ans_status, p->ans_reply, p->data_size, p->data[0],
+        p->data[p->data_size > 0 ? p->data_size - 1 : 0], static_cast<unsigned>(p->crc), p->crc_ok,
+        p->raw_len);
+    if (rc == 0) {
+        EXPECT_EQ(std::memcmp(p->raw, packet.data(), static_cast<size_t>(p->raw_len)), 0);
     }
-};
-
-TEST_F(Cm2Parser, ShortPacketLeavesRecordZero) {
-    EXPECT_EQ(parse(Bytes(23, 0xAA)), -1);
-    EXPECT_TRUE(all_zero());
+    return line;
 }
 
-TEST_F(Cm2Parser, LongerThanTheRecordIsRefusedWithoutReading) {
-    Bytes huge = cm2_reply(0xC6, 0, Bytes(16384 - 28, 1));
-    ASSERT_GT(huge.size(), 16384u);
-    EXPECT_EQ(parse(huge), -1);
-    EXPECT_TRUE(all_zero());
-    EXPECT_EQ(kavrel_direct_parse_response(huge.data(), 100, nullptr), -1);
+Bytes with(Bytes packet, size_t at, uint8_t value) {
+    packet[at] = value;
+    return packet;
 }
 
-TEST_F(Cm2Parser, TwentyFourBytesHaveNoPioAnsOrData) {
-    Bytes packet = cm2_reply(0xC1, 0x41, {1, 2, 3, 4});
-    packet.resize(24);
-    EXPECT_EQ(parse(packet), 0);
-    EXPECT_EQ(out->pio_reg, 0);
-    EXPECT_EQ(out->pio_addr, 0u);
-    EXPECT_EQ(out->ans_status, 0);
-    EXPECT_EQ(out->ans_reply, 0);
-    EXPECT_EQ(out->data_size, 0);
-    EXPECT_EQ(out->crc, 0x01C10000u);  // bytes 20-23: 01 C1 00 00
-    EXPECT_EQ(out->raw_len, 24);
+TEST(Cm2Parser, Fields) {
+    const Bytes reply = cm2_reply(0xC2, 0x01020B, {0x01, 0, 0x08, 0x09});
+    Bytes no_data = with(cm2_reply(0xC1, 0x41, {}, 0xE1), 25, 0xB0);  // byte 25 after the CRC was taken
+    Bytes one_byte = cm2_reply(0xC1, 0x41, {});
+    one_byte.insert(one_byte.begin() + 28, 0x77);
+    const struct {
+        const char *name;
+        Bytes packet;
+        std::string expected;
+    } cases[] = {
+        {"reply with data", reply,
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=4 0109 crc=3529E3E0/1 raw=36"},
+        {"no data below 33 bytes", no_data,
+         "0 AAAB/1 CC 0002 0001 EA EE 0 0 1 1 C1 000041 B E1 size=0 0000 crc=C3CB2C1F/0 raw=32"},
+        {"33 bytes: one data byte", one_byte,
+         "0 AAAB/1 CC 0002 0001 EA EE 0 0 1 1 C1 000041 0 AC size=1 7777 crc=CBA61132/0 raw=33"},
+        {"28 bytes: head only, CRC from its last four", Bytes(reply.begin(), reply.begin() + 28),
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=0 0000 crc=0B0000AC/0 raw=28"},
+        {"24 bytes: no PIO, ANS or data", Bytes(reply.begin(), reply.begin() + 24),
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 00 000000 0 00 size=0 0000 crc=01C20102/0 raw=24"},
+        {"wrong preamble: fields filled, the CRC does not cover it", with(reply, 3, 0x55),
+         "-1 AAAB/0 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=4 0109 crc=3529E3E0/1 raw=36"},
+        {"CRC wrong: parsed all the same", with(reply, 35, 0x00),
+         "0 AAAB/1 CC 0002 0001 E0 EE 1 1 1 1 C2 01020B 0 AC size=4 0109 crc=3529E300/0 raw=36"},
+        {"data beyond 8192 bytes is cut, the CRC covers all", cm2_reply(0xC6, 0, Bytes(8196, 0x42)),
+         "0 AAAB/1 CC 0002 0001 E0 EE 2049 2049 1 1 C6 000000 0 AC size=8192 4242 crc=AFA29200/1 raw=8228"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(parsed(c.packet), c.expected) << c.name;
+
+    const std::string zero =
+        "-1 0000/0 00 0000 0000 00 00 0 0 0 0 00 000000 0 00 size=0 0000 crc=00000000/0 raw=0";
+    EXPECT_EQ(parsed(Bytes(23, 0xAA)), zero);
+    EXPECT_EQ(parsed(Bytes(16385, 0xAA)), zero);
+    EXPECT_EQ(kavrel_direct_parse_response(reply.data(), 36, nullptr), -1);
 }
 
-TEST_F(Cm2Parser, AnsWithoutDataBelow33Bytes) {
-    Bytes packet = cm2_reply(0xC1, 0x41, {}, 0xE1);
-    packet[25] = 0xB0;
-    EXPECT_EQ(parse(packet), 0);
-    EXPECT_EQ(out->ans_status, 0xB);
-    EXPECT_EQ(out->ans_reply, 0xE1);
-    EXPECT_EQ(out->data_size, 0);
-    EXPECT_EQ(out->crc_ok, 0);  // byte 25 changed after the CRC was taken
-
-    Bytes one = cm2_reply(0xC1, 0x41, {}, 0xAC);
-    one.insert(one.begin() + 28, 0x77);  // 33 bytes: one data byte
-    EXPECT_EQ(parse(one), 0);
-    EXPECT_EQ(out->data_size, 1);
-    EXPECT_EQ(out->data[0], 0x77);
+template <typename Fn>
+std::string printed(Fn &&fn) {
+    ::testing::internal::CaptureStdout();
+    fn();
+    std::fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
 }
 
-TEST_F(Cm2Parser, FullReplyFieldsAndCrc) {
-    const Bytes packet = cm2_reply(0xC2, 0x00000B, {0, 0, 0x08, 0x00});
-    EXPECT_EQ(parse(packet), 0);
-    EXPECT_EQ(out->preamble_ok, 1);
-    EXPECT_EQ(out->crc_ok, 1);
-    EXPECT_EQ(out->ver, 0xCC);
-    EXPECT_EQ(out->ta, 0x0002);
-    EXPECT_EQ(out->sa, 0x0001);
-    EXPECT_EQ(out->srv, 0xE0);
-    EXPECT_EQ(out->fsn, 0xEE);
-    EXPECT_EQ(out->file_len, 1);
-    EXPECT_EQ(out->data_len, 1);
-    EXPECT_EQ(out->sn_packets, 1);
-    EXPECT_EQ(out->sn_index, 1);
-    EXPECT_EQ(out->pio_reg, 0xC2);
-    EXPECT_EQ(out->pio_addr, 0x00000Bu);
-    EXPECT_EQ(out->ans_reply, 0xAC);
-    EXPECT_EQ(out->data_size, 4);
-    EXPECT_EQ(out->data[2], 0x08);
-    EXPECT_EQ(std::memcmp(out->raw, packet.data(), packet.size()), 0);
+std::string tree(const Bytes &packet) {
+    cm2_packet p;
+    kavrel_direct_parse_response(packet.data(), static_cast<int32_t>(packet.size()), &p);
+    return printed([&] { kavrel_direct_print_parsed(&p); });
 }
 
-TEST_F(Cm2Parser, DataBeyond8192BytesIsCutButCrcCoversAll) {
-    const Bytes packet = cm2_reply(0xC6, 0, Bytes(8196, 0x42));
-    EXPECT_EQ(parse(packet), 0);
-    EXPECT_EQ(out->data_size, 8192);
-    EXPECT_EQ(out->raw_len, static_cast<int32_t>(packet.size()));
-    EXPECT_EQ(out->crc_ok, 1);
+std::string line_of(const std::string &text, const char *field) {
+    const size_t start = text.find(field);
+    return start == std::string::npos ? "" : text.substr(start, text.find('\n', start) - start);
 }
 
-TEST_F(Cm2Parser, WrongPreambleFillsFieldsButFails) {
-    Bytes packet = cm2_reply(0xC1, 0x46, {1, 2, 3, 4});
-    packet[7] = 0xAA;
-    EXPECT_EQ(parse(packet), -1);
-    EXPECT_EQ(out->preamble_ok, 0);
-    EXPECT_EQ(out->pio_reg, 0xC1);
-    EXPECT_EQ(out->data_size, 4);
-    EXPECT_EQ(out->crc_ok, 1);  // the preamble is not under the CRC
+const char kWriteTree[] =
+    "  \u251c\u2500 PRE:  AA AA AA AA AA AA AA AB  (Preamble)\n"
+    "  \u251c\u2500 VER:  CC                    (Protocol v12.12)\n"
+    "  \u251c\u2500 TA:   00 01                  (Target: 01h)\n"
+    "  \u251c\u2500 SA:   00 02                  (Source: 02h)\n"
+    "  \u251c\u2500 SRV:  AD                    (Write Memory (With ACK))\n"
+    "  \u251c\u2500 FSN:  EE                    (File SN: 238)\n"
+    "  \u251c\u2500 LN:   0001 0001            (FileLen=1, DataLen=1)\n"
+    "  \u251c\u2500 SN:   01 01                  (Packets=1, Index=1)\n"
+    "  \u251c\u2500 PIO:  C1 000012             (Reg=C1h, Addr=000012h)\n"
+    "  \u251c\u2500 ANS:  0 00 00               (Status=0=Normal, Reply=00h=Unknown Reply)\n"
+    "  \u251c\u2500 DATA: 00 00 00 EA  (4 bytes)\n"
+    "  \u2514\u2500 CRC:  1E485CFC              (CRC OK)\n";
+
+TEST(PacketPrinters, TreeOfAWritePacketAndItsFields) {
+    const Bytes write = cm2_write_bytes(0xC1, 0x000012, {0x00, 0x00, 0x00, 0xEA});
+    EXPECT_EQ(tree(write), kWriteTree);
+    EXPECT_EQ(printed([] {
+                  cm2_packet none{};
+                  kavrel_direct_print_parsed(&none);
+              }),
+              "  [ERROR] Preamble mismatch, not a valid CM2 packet\n");
+
+    std::string groups;
+    for (int i = 0; i < 32; ++i) groups += "11 ";
+    EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(40, 0x11))), "DATA"),
+              "DATA: " + groups + "... (40 bytes)");
+    EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(32, 0x11))), "DATA"), "DATA: " + groups + " (32 bytes)");
+    EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, {})), "DATA"), "DATA:  (no data)");
+
+    const std::pair<uint8_t, const char *> statuses[] = {
+        {0xB0, "ANS:  B 00 E1               (Status=11=Failed, Reply=E1h=CRC Mismatch)"},
+        {0xE0, "ANS:  E 00 E1               (Status=14=Forbidden, Reply=E1h=CRC Mismatch)"},
+        {0x50, "ANS:  5 00 E1               (Status=5=Unknown, Reply=E1h=CRC Mismatch)"},
+    };
+    for (const auto &[byte, line] : statuses) {
+        const std::string text = tree(with(cm2_reply(0xC1, 0x41, {}, 0xE1), 25, byte));
+        EXPECT_EQ(line_of(text, "ANS"), line);
+        EXPECT_EQ(line_of(text, "CRC:"), "CRC:  C3CB2C1F              (CRC FAIL)");
+    }
 }
 
-TEST_F(Cm2Parser, CrcMismatchOrReplyCodeNeverFailsTheParse) {
-    Bytes packet = cm2_reply(0xC1, 0x46, {1, 2, 3, 4}, 0xE2);
-    packet.back() ^= 0xFF;
-    EXPECT_EQ(parse(packet), 0);
-    EXPECT_EQ(out->crc_ok, 0);
-    EXPECT_EQ(out->ans_reply, 0xE2);
+TEST(PacketPrinters, CodeNames) {
+    const std::pair<uint8_t, const char *> services[] = {
+        {0x0D, "Read Memory (Query)"},  {0xAD, "Write Memory (With ACK)"}, {0x3D, "Write Memory (No ACK)"},
+        {0xEA, "Response (Write ACK)"}, {0xE0, "Response (With Data)"},    {0x00, "Unknown Service"}};
+    const std::pair<uint8_t, const char *> replies[] = {
+        {0xAC, "Normal ACK"},      {0xE0, "Command Timeout"},        {0xE1, "CRC Mismatch"},
+        {0xE2, "Invalid Command"}, {0xE3, "Write Protect Not Open"}, {0xAD, "Unknown Reply"}};
+    for (const auto &[code, name] : services) EXPECT_STREQ(kavrel_direct_srv_name(code), name);
+    for (const auto &[code, name] : replies) EXPECT_STREQ(kavrel_direct_ans_reply_name(code), name);
+}
+
+TEST(PacketPrinters, HexDumpAndFramedReport) {
+    const Bytes sixteen(16, 0xAB), seventeen = with(Bytes(17, 0xAB), 16, 0x01);
+    std::string line;
+    for (int i = 0; i < 16; ++i) line += " AB";
+    EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(sixteen.data(), 16); }), line + "\n");
+    EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(seventeen.data(), 17); }), line + "\n        01\n");
+    EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(sixteen.data(), 0); }), "\n");
+
+    const Bytes sent = cm2_query_bytes(0xC1, 0x41, 2), junk(10, 0x55);
+    const std::string head =
+        "\n========== Version ==========\n[SEND] (32 bytes):\n        AA AA AA AA AA AA AA AB CC 00 "
+        "01 00 02 0D EE 00\n        02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC\n";
+    const std::string end = "==============================\n";
+    EXPECT_EQ(printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, nullptr, 10); }),
+              head + "[RECV]: No data\n" + end);
+    EXPECT_EQ(
+        printed([&] { kavrel_direct_print_cmd_info("Version", sent.data(), 32, junk.data(), 10); }),
+        head +
+            "[RECV] (10 bytes):\n        55 55 55 55 55 55 55 55 55 55\n[PARSED]: Invalid packet format\n" +
+            end);
+    const Bytes write = cm2_write_bytes(0xC1, 0x000012, {0x00, 0x00, 0x00, 0xEA});
+    const std::string report =
+        printed([&] { kavrel_direct_print_cmd_info("Write", write.data(), 36, write.data(), 36); });
+    EXPECT_EQ(report.substr(report.find("[PARSED]")), std::string("[PARSED]:\n") + kWriteTree + end);
 }
 
 }  // namespace

@@ -89,19 +89,6 @@ TEST_F(Devices, FourOpenAtOnceEachAnsweringForItself) {
         ASSERT_EQ(kavrel_direct_select_device(i), KAVREL_DIRECT_OK);
         EXPECT_EQ(points(), 100 + i);
     }
-
-    // Closing the active device leaves none active; its slot is the next to
-    // be taken.
-    ASSERT_EQ(kavrel_direct_select_device(1), KAVREL_DIRECT_OK);
-    kavrel_direct_close_device();
-    EXPECT_EQ(kavrel_direct_is_open(), 0);
-    EXPECT_EQ(kavrel_direct_select_device(1), KAVREL_DIRECT_ERR_NOT_OPEN);
-    ASSERT_EQ(kavrel_direct_open_device_by_chip_serial("SIM-4"), KAVREL_DIRECT_OK);
-    EXPECT_EQ(points(), 104);
-    ASSERT_EQ(kavrel_direct_select_device(1), KAVREL_DIRECT_OK);
-    EXPECT_EQ(points(), 104);
-    kavrel_direct_close_all_devices();
-    EXPECT_EQ(kavrel_direct_get_open_device_count(), 0);
 }
 
 TEST_F(Devices, AnUnpluggedBridgeLeavesTheListAndItsHandleFails) {

@@ -1,13 +1,15 @@
 // A fake USB bridge with scripted instruments, on the library's timing
 // engine in virtual time.
 //
-// Each attached bridge plays a script: every write the library makes takes
-// the next step, is compared with the bytes the step expects (a mismatch
-// fails the test with both sides dumped in hex), and schedules the step's
-// reply chunks in the bridge's inbox. Reads, purges and the clock are the
-// engine's, so a two-minute time limit runs in microseconds. Every bridge
-// call is recorded with its arguments and the virtual time it began at, so
-// tests assert the exact traffic, its order and the limits set.
+// Each attached bridge plays a script: every write takes the next step, is
+// compared with the bytes the step expects (a mismatch fails the test with
+// both sides in hex) and schedules the step's reply in the bridge's inbox.
+// Reads, purges and the clock are the engine's, so a two-minute time limit
+// passes in microseconds. Every bridge call is recorded, so a test states
+// the traffic as one line (trace()).
+//
+// Requests and replies are built by an encoder of the tests' own, CRCs
+// included, so a fault in the library's codec cannot hide on both sides.
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
@@ -27,16 +29,12 @@
 namespace kavrel::test {
 
 using Bytes = std::vector<uint8_t>;
-
 std::string hex(const Bytes &bytes);
 
 struct BridgeCall {
-    std::string name;  // "open", "close", "set_timeouts", "purge", "write", "read", "sleep", ...
-    int device = -1;   // index of the bridge, -1 for listing and sleeps
-    double at_ms = 0;  // virtual time the call began
-    uint32_t a = 0;    // first numeric argument (read limit, mask, count asked, ms)
-    uint32_t b = 0;    // second numeric argument (write limit, ...)
-    Bytes bytes;       // bytes written, or bytes a read returned
+    std::string name;  // list, entries, open, close, timeouts, latency, usb, purge, reset, write, read, sleep
+    uint32_t a = 0;    // first argument: count asked, index, mask, limit, ms
+    uint32_t b = 0;    // second: write limit, out size; bytes a read returned
 };
 
 struct Chunk {
@@ -57,34 +55,23 @@ struct FakeInstrument {
     std::deque<Step> script;
     // Answers writes once the script is used up; none: silence.
     std::function<std::vector<Chunk>(const Bytes &)> responder;
-    // Fail the read made after this many successful reads (-1: never).
-    int fail_read_after = -1;
-
-    // Bookkeeping of the fake itself.
-    bool open = false;
+    int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
     std::unique_ptr<platform::Inbox> inbox;
-    int reads_done = 0;
     bool held = false;  // reads wait until release()
 };
 
 class FakeBridge {
 public:
-    FakeBridge();
+    FakeBridge();  // installs itself as the provider in force
     ~FakeBridge();
-    FakeBridge(const FakeBridge &) = delete;
-    FakeBridge &operator=(const FakeBridge &) = delete;
 
     // Attaches a bridge; returns its list position.
     int attach(const std::string &serial);
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
-
-    // Scripting shorthands on bridge index.
-    FakeBridge &expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
-    FakeBridge &reply_any(int index, std::vector<Chunk> reply);
-
+    void expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
+    void reply_any(int index, std::vector<Chunk> reply);
     double now() const { return clock_.now_ms(); }
-    void advance(double ms) { clock_.sleep_ms(ms); }
 
     // Reads of bridge index block (for real, on any thread) from now until
     // release(); wait_for_held_read() returns once one is blocked.
@@ -93,65 +80,58 @@ public:
     void wait_for_held_read();
 
     std::vector<BridgeCall> calls;
-    // The calls of one name, in order.
     std::vector<BridgeCall> calls_named(const std::string &name) const;
-    // Concatenation of every write's bytes.
-    Bytes written() const;
+    // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28" (a
+    // read shows the count asked and the count returned); a call or a pair
+    // of calls repeated in a row shows once, with " xN".
+    std::string trace() const;
     void clear_calls() { calls.clear(); }
-    // Steps still waiting in the scripts: a test that ends with some left
-    // expected traffic that never came.
-    size_t unplayed_steps() const;
+    size_t unplayed_steps() const;  // traffic that was expected and never came
 
-    uint32_t create_status = 0;
-    uint32_t get_status = 0;
-    uint32_t open_status = 0;
-
-    const platform::Platform &platform() const { return platform_; }
-    // Every call the provider received, whatever clear_calls() dropped.
-    size_t total_calls() const { return total_calls_; }
+    uint32_t create_status = 0, get_status = 0, open_status = 0;
 
     // The provider's calls, filled into the table by name.
     platform::Status create_device_info_list(uint32_t *count);
     platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
     platform::Status open(int index, platform::Handle *handle);
-    platform::Status close(platform::Handle handle);
-    platform::Status set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms);
-    platform::Status set_latency_timer(platform::Handle handle, uint8_t ms);
-    platform::Status set_usb_parameters(platform::Handle handle, uint32_t in_size, uint32_t out_size);
-    platform::Status purge(platform::Handle handle, uint32_t mask);
-    platform::Status reset_device(platform::Handle handle);
-    platform::Status write(platform::Handle handle, const void *bytes, uint32_t count, uint32_t *written);
-    platform::Status read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned);
+    platform::Status close(platform::Handle h) { return record("close", index_of(h)), 0; }
+    platform::Status set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms);
+    platform::Status set_latency_timer(platform::Handle, uint8_t ms) { return record("latency", ms), 0; }
+    platform::Status set_usb_parameters(platform::Handle, uint32_t in, uint32_t out) {
+        return record("usb", in, out), 0;
+    }
+    platform::Status purge(platform::Handle h, uint32_t mask);
+    platform::Status reset_device(platform::Handle) { return record("reset"), 0; }
+    platform::Status write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written);
+    platform::Status read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned);
     double now_ms() { return clock_.now_ms(); }
-    void sleep_ms(uint32_t ms);
+    void sleep_ms(uint32_t ms) { record("sleep", ms), clock_.sleep_ms(ms); }
 
 private:
     int index_of(platform::Handle handle) const;
-    void record(BridgeCall call);
-    void schedule(FakeInstrument &device, const std::vector<Chunk> &reply);
+    void record(const char *name, uint32_t a = 0, uint32_t b = 0);
 
     platform::Clock clock_{platform::Clock::Mode::virtual_time};
     std::deque<FakeInstrument> instruments_;
-    platform::Platform platform_{};
-    size_t total_calls_ = 0;
+    platform::Platform table_{};
     // With KAVREL_TEST_WRAPPED_PROVIDER set, a forwarding wrapper stands in
-    // front of the fake, and every test must pass through it unchanged.
-    struct Counter;
-    std::unique_ptr<Counter> wrapper_;
+    // front of the fake: a wrapper must change nothing.
+    std::unique_ptr<platform::Forwarder> wrapper_;
     platform::Platform wrapped_{};
     std::mutex mutex_;  // calls and holds, for tests with several threads
     std::condition_variable held_changed_;
     int held_reads_ = 0;
 };
 
-// Reply and request builders.
-Bytes nir_frame(const Bytes &command);                   // command + CRC-16
-Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);  // ack + data + CRC-16
+// CM2 packets: a query of words, a write of data (padded to whole words),
+// and a reply as an instrument sends it (service E0 with data, EA without).
 Bytes cm2_query_bytes(uint8_t reg, uint32_t address, uint16_t words);
 Bytes cm2_write_bytes(uint8_t reg, uint32_t address, const Bytes &data);
-// A CM2 reply as an instrument sends it: SRV E0 (data) or EA (no data).
 Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_code = 0xAC);
-// Whole chunk, arriving at once.
+// NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
+Bytes nir_frame(const Bytes &command);
+Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
+// The whole reply, arriving at once.
 inline std::vector<Chunk> at_once(const Bytes &bytes) {
     return {Chunk{bytes, 0}};
 }

@@ -1,6 +1,6 @@
-// Wire encodings of spectral data and a model spectrometer that answers every
-// spectral request from its own table, spectrum and flash status, for tests
-// whose traffic varies (allocation failures, many selection cases).
+// Wire encodings of spectral data, and a model spectrometer that answers
+// every spectral request from its own table and spectrum, for tests whose
+// tables vary (selection cases, allocation failures).
 #ifndef KAVREL_TESTS_SPECTRAL_MODEL_H
 #define KAVREL_TESTS_SPECTRAL_MODEL_H
 
@@ -28,10 +28,8 @@ inline Bytes le_floats(const std::vector<float> &values) {
 // Samples as both protocols send them: most significant byte first.
 inline Bytes be_samples(const std::vector<uint16_t> &values) {
     Bytes out;
-    for (uint16_t value : values) {
-        out.push_back(static_cast<uint8_t>(value >> 8));
-        out.push_back(static_cast<uint8_t>(value));
-    }
+    for (uint16_t value : values)
+        out.insert(out.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
     return out;
 }
 
@@ -41,50 +39,39 @@ inline Bytes concat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-// The 8-byte command block read back, byte 1 its handshake.
-inline Bytes handshake_status(uint8_t state) {
-    return {0xC0, state, 0, 0, 0, 0, 0, 0};
-}
-
 struct SpectralModel {
     std::vector<float> table;
     std::vector<uint16_t> spectrum;
-    Bytes coefficients = Bytes(32, 0x3F);
     Bytes page = Bytes(1024, 0x5A);
 
-    // CM2: reads are served from the model by register and address; every
-    // write is acknowledged.
+    // CM2: reads are served by register and address; every write is
+    // acknowledged, and every command block reads back done (0xAA).
     std::vector<Chunk> answer_cm2(const Bytes &request) const {
         const uint8_t reg = request[21];
-        const uint32_t address = (request[22] << 16) | (request[23] << 8) | request[24];
+        const uint32_t address = static_cast<uint32_t>(request[22] << 16) | load_be16(&request[23]);
         if (request[13] != 0x0D) return at_once(cm2_reply(reg, address, {}));
         const size_t words = load_be16(&request[15]);
         Bytes data;
         if (reg == 0xC2) {
             data = {0, 0, static_cast<uint8_t>(table.size() >> 8), static_cast<uint8_t>(table.size())};
         } else if (reg == 0xC5) {
-            const size_t first = std::min<size_t>(address, table.size());
-            const size_t last = std::min(table.size(), first + words);
-            data = le_floats(
-                {table.begin() + static_cast<long>(first), table.begin() + static_cast<long>(last)});
+            const auto first = table.begin() + std::min<long>(address, static_cast<long>(table.size()));
+            data = le_floats({first, first + std::min<long>(static_cast<long>(words), table.end() - first)});
         } else if (reg == 0xC6) {
             data = be_samples(spectrum);
-        } else if (reg == 0xC1 && address == 0x20) {
-            data = coefficients;
         } else if (reg == 0xC1) {
-            data = handshake_status(0xAA);
+            data = {0xC0, 0xAA, 0, 0, 0, 0, 0, 0};
         } else if (reg == 0xC7) {
             data.assign(page.begin(), page.begin() + static_cast<long>(std::min(page.size(), 4 * words)));
         }
         return at_once(cm2_reply(reg, address, data));
     }
 
-    // NIR: by command byte; the frame's last two bytes are its CRC.
+    // NIR: by command byte.
     std::vector<Chunk> answer_nir(const Bytes &frame) const {
         if (frame[0] == 0x3F && frame[1] == 0x53) return at_once(nir_reply(le_floats(table)));
         if (frame[0] == 0x3F && frame[1] == 0xAF) return at_once(nir_reply(page));
         if (frame[0] == 0x53) return at_once(nir_reply(be_samples(spectrum)));
-        if (frame[0] == 0x78) return at_once(nir_reply(coefficients));
         return at_once(nir_reply({}));
     }
 

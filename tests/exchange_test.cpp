@@ -1,0 +1,239 @@
+// The two exchanges under every operation: the bridge calls each makes, in
+// order, with their limits, the reading of the reply and the results.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "support/device_fixture.h"
+#include "support/spectral_model.h"
+#include "transport/cm2_exchange.h"
+#include "transport/nir_exchange.h"
+#include "transport/timing.h"
+
+namespace kavrel::test {
+namespace {
+
+TEST(SpectrumTimeLimit, IntegrationRoundedUpTimesAveragesPlusASecondAtMostTwoMinutes) {
+    const uint32_t cases[][3] = {{10000, 1, 1010},       {0, 1, 1000},           {2500, 16, 1048},
+                                 {1500, 0, 1002},        {2500000, 100, 120000}, {0xFFFFFFFFu, 255, 120000},
+                                 {119000000, 1, 120000}, {118999000, 1, 119999}};
+    for (const auto &c : cases)
+        EXPECT_EQ(spectrum_time_limit_ms(c[0], static_cast<uint8_t>(c[1])), c[2]) << c[0] << " us, " << c[1];
+}
+
+struct Case {
+    const char *name;
+    uint32_t a, b;  // CM2: register, words; NIR: capacity, quiet time
+    std::vector<Chunk> reply;
+    int32_t result;
+    int32_t length;     // -1: untouched
+    const char *trace;  // null: not compared
+    double ms;
+};
+
+Bytes part(const Bytes &bytes, size_t from, size_t to) {
+    return Bytes(bytes.begin() + static_cast<long>(from), bytes.begin() + static_cast<long>(to));
+}
+const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
+            kSix = nir_reply({1, 2, 3, 4, 5, 6});
+Bytes coded(uint8_t code) {
+    return cm2_reply(0xC1, 0x41, {1, 2, 3, 4}, code);
+}
+constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, CRC = KAVREL_DIRECT_ERR_CRC,
+                  TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT;
+
+// clang-format off
+const Case kCm2Cases[] = {
+    {"RoundTrip", 0xC1, 2, at_once(kEight), OK, 8,
+     "purge 3, write 32, timeouts 200 5000, read 28:28, read 12:12, timeouts 5000 5000", 0},
+    {"NoDataOnlyTheCrcAfterTheHead", 0xC1, 1, at_once(cm2_reply(0xC1, 0x41, {})), OK, 0,
+     "purge 3, write 32, timeouts 200 5000, read 28:28, read 4:4, timeouts 5000 5000", 0},
+    {"CutAtTheCallersRoom", 0xC1, 25, at_once(cm2_reply(0xC1, 0x41, Bytes(100, 0x61))), OK, 64, nullptr, 0},
+    {"SixteenKilobytesAtMost", 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4088, 0x12))), OK, 64,
+     "purge 3, write 32, timeouts 1010 5000, read 28:28, read 16356:16356, timeouts 5000 5000", 0},
+    {"LongerIsRefusedAfterTheHead", 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4089, 0x12))), IO, -1,
+     "purge 3, write 32, timeouts 1010 5000, read 28:28", 0},
+    // The short limit stays in force after a read that failed.
+    {"TruncatedTimesOutWhenAReadComesBackEmpty", 0xC1, 2, at_once(part(kEight, 0, 10)), TIMEOUT, -1,
+     "purge 3, write 32, timeouts 200 5000, read 28:10, read 18:0", 400},
+    {"SpectrumRegisterWaitsItsLimit", 0xC6, 1024, {}, TIMEOUT, -1,
+     "purge 3, write 32, timeouts 1010 5000, read 28:0", 1010},
+    {"OtherRegistersWaitTheShortLimit", 0xC5, 1024, {}, TIMEOUT, -1,
+     "purge 3, write 32, timeouts 200 5000, read 28:0", 200},
+    // The other reply codes and damaged replies: tests/sim/faults_test.cpp.
+    {"UnknownReplyCode", 0xC1, 1, at_once(coded(0x00)), IO, -1, nullptr, 0},
+};
+
+// A reply is complete once the line has been quiet for the quiet time after
+// its last byte, noticed within one 50 ms read and a 5 ms pause.
+const Case kNirCases[] = {
+    {"AcknowledgeWithoutData", 32, 500, at_once(nir_reply({})), OK, 0,
+     "purge 3, write 3, timeouts 50 5000, read 16384:3, (read 16381:0, sleep 5) x9, read 16381:0, "
+     "timeouts 5000 5000", 595},
+    {"QuietTimeRunsFromTheLastByte", 32, 500,
+     {Chunk{part(kSix, 0, 3), 0}, Chunk{part(kSix, 3, 6), 400}, Chunk{part(kSix, 6, 9), 400}}, OK, 6, nullptr,
+     1355},
+    {"CutAtTheCapacity", 32, 500, at_once(nir_reply(Bytes(40, 0x21))), OK, 32, nullptr, 595},
+    {"Silence", 32, 300, {}, TIMEOUT, -1,
+     "purge 3, write 3, timeouts 50 5000, (read 16384:0, sleep 5) x5, read 16384:0, timeouts 5000 5000", 325},
+    // Full at the receive limit: no wait for silence, the rest is not read.
+    {"ReceiveLimitEndsTheReading", 32, 120000,
+     at_once(concat({nir_reply(Bytes(16381, 0x33)), Bytes(100, 0x44)})),
+     OK, 32, "purge 3, write 3, timeouts 50 5000, read 16384:16384, timeouts 5000 5000", 0},
+};
+// clang-format on
+
+class Exchange : public DeviceTest {
+protected:
+    int device = -1;
+    uint8_t answer[64];
+    int32_t length = -1;
+    const uint8_t command = 'V';
+
+    void open(bool nir) {
+        device = nir ? open_nir() : open_cm2();
+        bind_active();
+        std::memset(answer, 0xEE, sizeof answer);
+    }
+    // first: where the reply's data begins.
+    void check(const Case &c, int32_t result, double ms, size_t first) {
+        EXPECT_EQ(result, c.result);
+        EXPECT_EQ(length, c.length);
+        EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
+        EXPECT_EQ(answer[std::clamp(c.length, 0, 63)], c.length < 64 ? 0xEE : c.reply[0].bytes[first + 63]);
+        if (c.trace) {
+            EXPECT_EQ(bridge.trace(), c.trace);
+        }
+        EXPECT_EQ(ms, c.ms);
+    }
+};
+
+class Cm2Exchange : public Exchange, public ::testing::WithParamInterface<Case> {};
+class NirExchange : public Exchange, public ::testing::WithParamInterface<Case> {};
+
+TEST_P(Cm2Exchange, Traffic) {
+    const Case &c = GetParam();
+    open(false);
+    bridge.expect(device, cm2_query_bytes(static_cast<uint8_t>(c.a), 0x41, static_cast<uint16_t>(c.b)),
+                  c.reply);
+    const double start = bridge.now();
+    const int32_t result = cm2_query(static_cast<uint8_t>(c.a), 0x41, c.b, answer, sizeof answer, &length);
+    check(c, result, bridge.now() - start, 28);
+}
+
+TEST_P(NirExchange, Traffic) {
+    const Case &c = GetParam();
+    open(true);
+    bridge.expect(device, nir_frame({'V'}), c.reply);
+    const double start = bridge.now();
+    const int32_t result = nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b);
+    check(c, result, bridge.now() - start, 1);
+}
+
+auto name = [](const auto &info) { return std::string(info.param.name); };
+INSTANTIATE_TEST_SUITE_P(Cases, Cm2Exchange, ::testing::ValuesIn(kCm2Cases), name);
+INSTANTIATE_TEST_SUITE_P(Cases, NirExchange, ::testing::ValuesIn(kNirCases), name);
+
+TEST_F(Exchange, Cm2LimitFollowsTheCachedIntegrationAndAveragesUpToTwoMinutes) {
+    open(false);
+    active().integration_time = 1200000;
+    active().average_number = 100;
+    bridge.reply_any(device, {});
+    EXPECT_EQ(cm2_query(0xC6, 0, 1024, answer, 64, &length), TIMEOUT);
+    EXPECT_EQ(bridge.trace(), "purge 3, write 32, timeouts 120000 5000, read 28:0");
+}
+
+TEST_F(Exchange, Cm2WritesAtMost2016BytesAndANullAnswerStillCounts) {
+    open(false);
+    const Bytes data(2017, 1);
+    EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(bridge.trace(), "");
+    bridge.expect(device, cm2_write_bytes(0xC7, 0, Bytes(2016, 1)),
+                  at_once(cm2_reply(0xC7, 0, Bytes(12, 1))));
+    EXPECT_EQ(send_and_recv(0xC7, 0, data.data(), 2016, nullptr, &length, 0, 0), OK);
+    EXPECT_EQ(length, 12);
+}
+
+// Being set is enough, even to nothing (where the platform keeps an empty
+// variable); the line is printed before the reply is judged.
+TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
+    open(false);
+#ifdef _WIN32
+    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "1");
+#else
+    setenv("KAVREL_DIRECT_TRACE_TIMING", "", 1);
+#endif
+    auto traced = [&](uint8_t reg, std::vector<Chunk> reply, int32_t result) {
+        bridge.reply_any(device, std::move(reply));
+        ::testing::internal::CaptureStdout();
+        EXPECT_EQ(cm2_query(reg, 0, 2, answer, 64, &length), result);
+        return ::testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(traced(0xC6, {Chunk{cm2_reply(0xC6, 0, Bytes(8, 0)), 30}}, OK),
+              "[trace C6] write=0.000 ms, wait_header=30.000 ms, read_body=0.000 ms, total=30.000 ms, "
+              "expected=40\n");
+    EXPECT_EQ(traced(0xC1, at_once(cm2_reply(0xC1, 0, Bytes(8, 0))), OK), "");
+    EXPECT_EQ(
+        traced(0xC6, at_once(cm2_reply(0xC6, 0, {}, 0xE1)), CRC),
+        "[trace C6] write=0.000 ms, wait_header=0.000 ms, read_body=0.000 ms, total=0.000 ms, expected=32\n");
+#ifdef _WIN32
+    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "");
+#else
+    unsetenv("KAVREL_DIRECT_TRACE_TIMING");
+#endif
+}
+
+TEST(NirCrc16, CheckValueAndFrames) {
+    EXPECT_EQ(nir_crc16(reinterpret_cast<const uint8_t *>("123456789"), 9), 0x4B37);
+    EXPECT_EQ(hex(nir_frame({'V'})), "56 7E 3F");
+    EXPECT_EQ(hex(nir_reply({})), "06 42 3F");
+}
+
+TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
+    open(true);
+    const Bytes big(8191, 0x11);
+    EXPECT_EQ(nir_send_command(big.data(), 0, answer, &length, 32, 300), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(nir_send_command(big.data(), 8191, answer, &length, 32, 300), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(bridge.trace(), "");
+    bridge.expect(device, nir_frame(Bytes(8190, 0x11)), at_once(nir_reply({9, 9, 9})));
+    EXPECT_EQ(nir_send_command(big.data(), 8190, answer, nullptr, 32, 300), OK);  // the answer is not wanted
+    EXPECT_EQ(answer[0], 0xEE);
+
+    bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 1});  // one byte of three taken
+    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
+    bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 4, std::nullopt});
+    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
+    bridge.clear_calls();
+    bridge.instrument(device).fail_read_after = 0;
+    bridge.reply_any(device, at_once(nir_reply({})));
+    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
+    EXPECT_EQ(bridge.trace(), "purge 3, write 3, timeouts 50 5000, read 16384:0");  // 50 ms until the next
+    EXPECT_EQ(length, -1);
+}
+
+// The raw pass-through: no framing, no purge, no limits; whatever comes until
+// 501 reads in a row bring nothing.
+TEST_F(Exchange, RawPassThroughCollectsUntilTheLineStaysSilent) {
+    open(false);
+    bridge.reply_any(device, {Chunk{{1, 2, 3}, 0}, Chunk{{4, 5}, 3000}});
+    uint8_t reply[8] = {};
+    uint32_t size = sizeof reply;
+    EXPECT_EQ(kavrel_direct_send_recv(&command, 1, reply, &size), OK);
+    EXPECT_EQ(hex(Bytes(reply, reply + size)), "01 02 03 04 05");
+    EXPECT_EQ(bridge.trace(), "write 1, read 8:5, (read 3:0, sleep 10) x500, read 3:0");
+    EXPECT_EQ(kavrel_direct_send_recv(reply, 1, reply, nullptr), KAVREL_DIRECT_ERR_INVALID_ARG);
+    kavrel_direct_close_all_devices();
+    EXPECT_EQ(kavrel_direct_send_recv(reply, 1, reply, &size), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(size, 5u);
+}
+
+TEST_F(Exchange, NeedAnOpenDevice) {
+    int32_t received = 0;
+    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(nir_read_available(answer, 64, &received, 500), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(cm2_query(0xC1, 0, 1, answer, 64, &length), KAVREL_DIRECT_ERR_NOT_OPEN);
+}
+
+}  // namespace
+}  // namespace kavrel::test

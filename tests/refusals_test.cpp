@@ -1,0 +1,140 @@
+// Calls refused before anything is sent: no device open (always first), a
+// null output or no room, or an operation with only a CM2 form on an NIR
+// instrument.
+#include <cmath>
+#include <functional>
+
+#include "support/device_fixture.h"
+
+namespace kavrel::test {
+namespace {
+
+constexpr int32_t ARG = KAVREL_DIRECT_ERR_INVALID_ARG, NONE = KAVREL_DIRECT_ERR_UNSUPPORTED,
+                  GENERIC = KAVREL_DIRECT_ERR_GENERIC, CLOSED = KAVREL_DIRECT_ERR_NOT_OPEN;
+constexpr int32_t SENDS = 1;  // not refused on that protocol: not tried here
+
+uint8_t b, page[16];
+uint16_t w, s[8];
+uint32_t u;
+uint64_t q;
+double d[8];
+char text[16];
+kavrel_direct_wavelength_selection selection;
+
+device_slot &slot() {
+    return g_devices[g_active_index];
+}
+// Three points selected; nine points cached (with a device open).
+void select_three() {
+    if (g_active_index >= 0) slot().selection_valid = 1, slot().selected_count = 3;
+}
+void cache_nine() {
+    if (g_active_index >= 0) slot().wavelength_count = 9;
+}
+
+struct Refusal {
+    const char *name;
+    std::function<int32_t()> call;
+    int32_t cm2, nir, closed = CLOSED;
+};
+
+// A call, quoted for the failure message, and its results on a CM2
+// instrument, on an NIR instrument and with no device open.
+#define REFUSED(call, ...) {#call, [] { return kavrel_direct_##call; }, __VA_ARGS__}
+#define AFTER(prepare, call, ...) {#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__}
+
+// clang-format off
+const Refusal kRefusals[] = {
+    REFUSED(get_device_protocol(nullptr), ARG, ARG), REFUSED(get_capabilities(nullptr), ARG, ARG),
+    REFUSED(get_integration_time(nullptr), ARG, ARG), REFUSED(get_average_number(nullptr), ARG, ARG),
+    REFUSED(get_level_output(nullptr), ARG, ARG), REFUSED(get_temperature(nullptr), ARG, ARG),
+    REFUSED(get_xenon_pulse(nullptr, &u), ARG, ARG), REFUSED(get_xenon_mode(nullptr), ARG, ARG),
+    REFUSED(get_external_trigger_config(nullptr, &b, &b), ARG, ARG),
+    REFUSED(get_external_trigger_config(&b, &b, nullptr), ARG, ARG),
+    REFUSED(get_dac_voltage(nullptr), ARG, ARG), REFUSED(get_spectrum_capture_status(nullptr), ARG, ARG),
+    REFUSED(get_hardware_version(nullptr, 8), ARG, ARG), REFUSED(get_hardware_version(text, 1), ARG, ARG),
+    REFUSED(get_detector_serial_number(nullptr, 8), ARG, ARG),
+    REFUSED(get_detector_serial_number(text, 0), ARG, ARG), REFUSED(get_device_model(nullptr, 8), ARG, ARG),
+    REFUSED(get_device_model(text, 1), ARG, ARG), REFUSED(get_serial_number(nullptr, 8), ARG, ARG),
+    REFUSED(get_serial_number(text, 1), ARG, ARG), REFUSED(set_serial_number(nullptr), ARG, ARG),
+    REFUSED(get_device_info(nullptr), ARG, ARG), REFUSED(get_usb_baud_rate(nullptr), ARG, ARG),
+    REFUSED(get_usb_status(nullptr), ARG, ARG), REFUSED(get_stored_integration_time(nullptr), ARG, ARG),
+    REFUSED(get_stored_average_number(nullptr), ARG, ARG),
+    REFUSED(get_stored_smoothing_width(nullptr), ARG, ARG), REFUSED(get_slit_width(nullptr), ARG, ARG),
+    REFUSED(get_flash_write_protect(nullptr), ARG, ARG),
+    REFUSED(get_calibration_coefficients(nullptr), ARG, ARG),
+    REFUSED(get_wavelength_count(nullptr), ARG, ARG), REFUSED(get_full_wavelength_data(nullptr, 8), ARG, ARG),
+    REFUSED(get_full_wavelength_data(d, 0), ARG, ARG),
+    AFTER(cache_nine, get_full_wavelength_data(d, 8), ARG, SENDS),
+    REFUSED(get_full_wavelength_range(nullptr, d), ARG, ARG),
+    REFUSED(get_full_wavelength_range(d, nullptr), ARG, ARG),
+    REFUSED(set_selected_wavelength_range(2, 1), ARG, ARG),
+    REFUSED(set_selected_wavelength_range(1, 1), ARG, ARG),
+    REFUSED(set_selected_wavelength_range(1, NAN), ARG, ARG),
+    REFUSED(get_selected_wavelength_range(nullptr), ARG, ARG),
+    REFUSED(get_selected_wavelength_range(&selection), GENERIC, GENERIC),
+    REFUSED(get_selected_wavelength_data(nullptr, 8), ARG, ARG),
+    REFUSED(get_selected_wavelength_data(d, 0), GENERIC, GENERIC),
+    AFTER(select_three, get_selected_wavelength_data(d, 2), ARG, ARG),
+    REFUSED(get_full_spectrum_data(nullptr, 8), ARG, ARG), REFUSED(get_full_spectrum_data(s, 0), ARG, ARG),
+    AFTER(cache_nine, get_full_spectrum_data(s, 8), ARG, SENDS),
+    REFUSED(get_selected_spectrum_data(nullptr, 8), ARG, ARG),
+    REFUSED(get_selected_spectrum_data(s, 0), GENERIC, GENERIC),
+    AFTER(select_three, get_selected_spectrum_data(s, 2), ARG, ARG),
+    REFUSED(flash_read(1, page, -1), ARG, ARG), REFUSED(flash_read(1, page, 0), SENDS, ARG),
+    REFUSED(flash_read(1, nullptr, 16), SENDS, ARG), REFUSED(flash_write(1, page, -1), ARG, ARG),
+    REFUSED(flash_write(1, nullptr, 3), ARG, ARG), REFUSED(flash_write(1, page, 0), SENDS, ARG),
+    REFUSED(flash_write(1, page, 2017), ARG, SENDS), REFUSED(flash_write(1, page, 8188), ARG, ARG),
+    REFUSED(external_spectrum_control(1, nullptr, 8), ARG, ARG),
+    REFUSED(external_spectrum_control(1, s, 0), ARG, ARG),
+    REFUSED(external_spectrum_control(1, s, -4), ARG, ARG),
+    // Operations with only a CM2 form.
+    REFUSED(set_xenon_pulse(1, 2), SENDS, NONE), REFUSED(get_xenon_pulse(&u, &u), SENDS, NONE),
+    REFUSED(set_xenon_mode(1), SENDS, NONE), REFUSED(get_xenon_mode(&b), SENDS, NONE),
+    REFUSED(set_external_trigger_config(1, 2, 3), SENDS, NONE),
+    REFUSED(get_external_trigger_config(&b, &b, &b), SENDS, NONE), REFUSED(set_dac_voltage(1), SENDS, NONE),
+    REFUSED(get_dac_voltage(&w), SENDS, NONE), REFUSED(get_spectrum_capture_status(&q), SENDS, NONE),
+    REFUSED(get_detector_serial_number(text, 16), SENDS, NONE), REFUSED(set_usb_baud_rate(1), SENDS, NONE),
+    REFUSED(get_usb_baud_rate(&w), SENDS, NONE), REFUSED(get_usb_status(&u), SENDS, NONE),
+    REFUSED(set_serial_number("X"), SENDS, NONE), REFUSED(set_stored_integration_time(1), SENDS, NONE),
+    REFUSED(get_stored_integration_time(&u), SENDS, NONE), REFUSED(set_stored_average_number(1), SENDS, NONE),
+    REFUSED(get_stored_average_number(&b), SENDS, NONE), REFUSED(get_stored_smoothing_width(&b), SENDS, NONE),
+    REFUSED(get_slit_width(&b), SENDS, NONE), REFUSED(external_spectrum_control(1, s, 8), SENDS, NONE),
+    // Listing and opening check their arguments before listing.
+    REFUSED(open_device(-1), ARG, ARG, ARG), REFUSED(open_device_by_chip_serial(nullptr), ARG, ARG, ARG),
+    REFUSED(open_device_by_chip_serial(""), ARG, ARG, ARG),
+    REFUSED(get_chip_serial_by_index(0, nullptr, 8), ARG, ARG, ARG),
+    REFUSED(get_chip_serial_by_index(0, text, 1), ARG, ARG, ARG),
+    REFUSED(get_chip_serial_by_index(-1, text, 8), ARG, ARG, ARG),
+};
+// clang-format on
+
+class Refused : public DeviceTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(Refused, BeforeAnythingIsSent) {
+    const uint32_t protocol = static_cast<uint32_t>(GetParam());
+    if (protocol == KAVREL_DIRECT_PROTOCOL_AUTO)
+        bridge.attach("REFUSING");
+    else
+        open_with(protocol, "REFUSING");
+    for (const Refusal &r : kRefusals) {
+        const int32_t expected = protocol == KAVREL_DIRECT_PROTOCOL_CM2   ? r.cm2
+                                 : protocol == KAVREL_DIRECT_PROTOCOL_NIR ? r.nir
+                                                                          : r.closed;
+        if (expected != SENDS) {
+            EXPECT_EQ(r.call(), expected) << r.name;
+        }
+        if (protocol != KAVREL_DIRECT_PROTOCOL_AUTO) slot().wavelength_count = 0, slot().selection_valid = 0;
+    }
+    EXPECT_EQ(bridge.trace(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, Refused,
+                         ::testing::Values(KAVREL_DIRECT_PROTOCOL_AUTO, KAVREL_DIRECT_PROTOCOL_CM2,
+                                           KAVREL_DIRECT_PROTOCOL_NIR),
+                         [](const auto &info) {
+                             return info.param == 0 ? "NoDevice" : info.param == 1 ? "Cm2" : "Nir";
+                         });
+
+}  // namespace
+}  // namespace kavrel::test
