@@ -2,6 +2,7 @@
 // null output is refused before anything is sent, a bridge that fails or
 // overstates what it read never puts bytes where they do not belong, and
 // the virtual clock stays continuous across a switch to real time.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -235,6 +236,27 @@ TEST(CodecAndTrace, NullPointersAreNeverRead) {
     EXPECT_EQ(printed([] { kavrel_direct_print_cmd_info(nullptr, nullptr, 5, nullptr, 3); }),
               "\n==========  ==========\n[SEND] (5 bytes):\n       \n[RECV]: No data\n"
               "==============================\n");
+    // An empty reply is no reply, wherever it lies.
+    const uint8_t byte = 0;
+    EXPECT_NE(printed([&] { kavrel_direct_print_cmd_info("t", &byte, 1, &byte, 0); }).find("[RECV]: No data"),
+              std::string::npos);
+}
+
+// Each header field from its own byte: a packet whose bytes all differ.
+TEST(CodecAndTrace, ParserTakesEveryFieldFromItsOwnByte) {
+    Bytes packet(28);
+    for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(0x30 + i);
+    std::fill(packet.begin(), packet.begin() + 7, 0xAA);
+    packet[7] = 0xAB;
+    auto p = std::make_unique<cm2_packet>();
+    ASSERT_EQ(kavrel_direct_parse_response(packet.data(), 28, p.get()), 0);
+    EXPECT_EQ(p->sn_packets, 0x43);
+    EXPECT_EQ(p->sn_index, 0x44);
+    EXPECT_EQ(p->pio_reg, 0x45);
+    EXPECT_EQ(p->pio_addr, 0x464748u);
+    EXPECT_EQ(p->ans_status, 0x4);
+    EXPECT_EQ(p->ans_reply, 0x4B);
+    EXPECT_EQ(p->data_size, 0);
 }
 
 TEST_F(DeviceTest, ExchangesRefuseBadArgumentsBeforeSending) {
