@@ -8,8 +8,11 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/gcc}
+# "Possibly lost" blocks are not counted: libusb, under the libftdi1
+# provider's context that lives as long as the process, keeps its own
+# blocks through interior pointers, which valgrind reports that way.
 memcheck=(valgrind --quiet --error-exitcode=99 --leak-check=full
-          --errors-for-leak-kinds=definite,indirect,possible --show-leak-kinds=definite,indirect,possible)
+          --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect)
 
 run() {
   echo "== memcheck: $*"

@@ -9,6 +9,8 @@ set -euo pipefail
 build_packages=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev
                 libftdi1-dev libusb-1.0-0-dev)
 packages=("${build_packages[@]}" clang binutils python3
+          # libFuzzer and the sanitizers' runtime for clang.
+          libclang-rt-14-dev
           googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
           # The Windows stage: the 64-bit mingw-w64 C and C++ cross compilers
           # with posix threads (std::mutex needs them), and wine to run the
