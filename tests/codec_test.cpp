@@ -34,14 +34,14 @@ Bytes built_write(uint8_t reg, uint32_t address, const Bytes &data) {
 // Each packet built by the library and by the tests' encoder.
 TEST(Cm2Builders, GoldenPackets) {
     Bytes query(32);
-    EXPECT_EQ(kavrel_direct_build_query(0xC1, 0x000041, 2, query.data()), 32);
+    EXPECT_EQ(kavrel_direct_build_query(0xC1, 0x012345, 2, query.data()), 32);
     const Bytes word{0x00, 0x00, 0x00, 0xEA}, abc{'a', 'b', 'c'};
     const struct {
         Bytes library, encoder;
         const char *expected;
     } cases[] = {
-        {query, cm2_query_bytes(0xC1, 0x41, 2),
-         "AA AA AA AA AA AA AA AB CC 00 01 00 02 0D EE 00 02 00 00 01 01 C1 00 00 41 00 00 00 AC 0B B3 BC"},
+        {query, cm2_query_bytes(0xC1, 0x012345, 2),
+         "AA AA AA AA AA AA AA AB CC 00 01 00 02 0D EE 00 02 00 00 01 01 C1 01 23 45 00 00 00 6E 54 A2 9A"},
         {built_write(0xC1, 0x12, word), cm2_write_bytes(0xC1, 0x12, word),
          "AA AA AA AA AA AA AA AB CC 00 01 00 02 AD EE 00 01 00 01 01 01 C1 00 00 12 00 00 00 00 00 00 EA 1E "
          "48 5C FC"},

@@ -40,8 +40,14 @@ struct Refusal {
 
 // A call, quoted for the failure message, and its results on a CM2
 // instrument, on an NIR instrument and with no device open.
-#define REFUSED(call, ...) {#call, [] { return kavrel_direct_##call; }, __VA_ARGS__}
-#define AFTER(prepare, call, ...) {#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__}
+#define REFUSED(call, ...)                                      \
+    {                                                           \
+#call, [] { return kavrel_direct_##call; }, __VA_ARGS__ \
+    }
+#define AFTER(prepare, call, ...)                                          \
+    {                                                                      \
+#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__ \
+    }
 
 // clang-format off
 const Refusal kRefusals[] = {
