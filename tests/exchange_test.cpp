@@ -1,14 +1,10 @@
 // The two exchanges under every operation: the bridge calls each makes, in
 // order, with their limits, the reading of the reply and the results.
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 
-#include "platform/timing_engine.h"
 #include "support/device_fixture.h"
 #include "support/spectral_model.h"
 #include "transport/cm2_exchange.h"
@@ -187,30 +183,6 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
 #else
     unsetenv("KAVREL_DIRECT_TRACE_TIMING");
 #endif
-}
-
-TEST(VirtualClock, SleepsMoveItOnByWhatTheyAsk) {
-    platform::Clock clock(platform::Clock::Mode::virtual_time);
-    const double start = clock.now_ms();
-    clock.sleep_ms(1);
-    clock.sleep_ms(0.5);
-    EXPECT_DOUBLE_EQ(clock.now_ms() - start, 1.5);
-}
-
-// An unplugged bridge ends a real-time read that would wait an hour. Until
-// the reader waits, an interrupt may come too early for it: the test fails
-// only by hanging.
-TEST(RealTimeRead, EndsAtAnInterrupt) {
-    platform::Clock clock(platform::Clock::Mode::real);
-    platform::Inbox inbox(clock);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        uint8_t byte = 0;
-        EXPECT_EQ(inbox.read(&byte, 1, 3600e3), 0u);
-        done = true;
-    });
-    while (!done) inbox.interrupt(), std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    reader.join();
 }
 
 TEST(NirCrc16, CheckValueAndFrames) {
