@@ -10,6 +10,14 @@ namespace {
 
 using Devices = SimTest;
 
+// Unlike the unit tests, this program has no stand-in driver on its search
+// path: the hardware chain says why it passed the D2XX driver over (or, on a
+// machine with the vendor's driver, that it took it).
+TEST(HardwareChain, ReportsTheD2xxDriverFirst) {
+    const std::string report = platform::hardware_provider_report();
+    EXPECT_EQ(report.rfind("D2XX driver: ", 0), 0u) << report;
+}
+
 TEST_F(Devices, TheDefaultPairIsListedUntilABridgeIsAttached) {
     char serial[16];
     ASSERT_EQ(kavrel_direct_scan_devices(), 2u);
