@@ -17,7 +17,7 @@ namespace {
 TEST(SpectrumTimeLimit, IntegrationRoundedUpTimesAveragesPlusASecondAtMostTwoMinutes) {
     const uint32_t cases[][3] = {{10000, 1, 1010},       {0, 1, 1000},           {2500, 16, 1048},
                                  {1500, 0, 1002},        {2500000, 100, 120000}, {0xFFFFFFFFu, 255, 120000},
-                                 {119000000, 1, 120000}, {118999000, 1, 119999}};
+                                 {119000000, 1, 120000}, {118999000, 1, 119999}, {1001, 1, 1002}};
     for (const auto &c : cases)
         EXPECT_EQ(spectrum_time_limit_ms(c[0], static_cast<uint8_t>(c[1])), c[2]) << c[0] << " us, " << c[1];
 }
@@ -200,6 +200,10 @@ TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
     bridge.expect(device, nir_frame(Bytes(8190, 0x11)), at_once(nir_reply({9, 9, 9})));
     EXPECT_EQ(nir_send_command(big.data(), 8190, answer, nullptr, 32, 300), OK);  // the answer is not wanted
     EXPECT_EQ(answer[0], 0xEE);
+    bridge.reply_any(device, at_once(nir_reply({9, 9, 9})));
+    EXPECT_EQ(nir_send_command(&command, 1, nullptr, &length, 32, 300), OK);  // only its length
+    EXPECT_EQ(length, 3);
+    length = -1;
 
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 1});  // one byte of three taken
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
@@ -217,12 +221,15 @@ TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
 // 501 reads in a row bring nothing.
 TEST_F(Exchange, RawPassThroughCollectsUntilTheLineStaysSilent) {
     open(false);
-    bridge.reply_any(device, {Chunk{{1, 2, 3}, 0}, Chunk{{4, 5}, 3000}});
+    // The rest comes after a read that brought nothing: the count of silent
+    // reads starts again.
+    bridge.reply_any(device, {Chunk{{1, 2, 3}, 0}, Chunk{{4, 5}, 12000}});
     uint8_t reply[8] = {};
     uint32_t size = sizeof reply;
     EXPECT_EQ(kavrel_direct_send_recv(&command, 1, reply, &size), OK);
     EXPECT_EQ(hex(Bytes(reply, reply + size)), "01 02 03 04 05");
-    EXPECT_EQ(bridge.trace(), "write 1, read 8:5, (read 3:0, sleep 10) x500, read 3:0");
+    EXPECT_EQ(bridge.trace(),
+              "write 1, read 8:3, read 5:0, sleep 10, read 5:2, (read 3:0, sleep 10) x500, read 3:0");
     EXPECT_EQ(kavrel_direct_send_recv(reply, 1, reply, nullptr), KAVREL_DIRECT_ERR_INVALID_ARG);
     kavrel_direct_close_all_devices();
     EXPECT_EQ(kavrel_direct_send_recv(reply, 1, reply, &size), KAVREL_DIRECT_ERR_NOT_OPEN);
