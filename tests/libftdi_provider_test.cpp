@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <string>
 #include <utility>
@@ -133,12 +134,13 @@ TEST_F(Libftdi, ListsEachInterfaceWithItsLetterAndCutsTexts) {
     attach(0x6001, std::string(20, 'S'), std::string(100, 'D'));
     attach(0x6011, "FT4", "Quad RS232-HS");
     attach(0x6010, std::string(20, 'T'), std::string(100, 'E'));
+    attach(0x6014, "FTH", "Single RS232-HS");
     const auto e = list();
     std::vector<std::string> serials, descriptions;
     for (const BridgeEntry &entry : e) serials.push_back(entry.serial_number), descriptions.push_back(entry.description);
     const std::vector<std::string> expect_serials = {std::string(15, 'S'), "FT2A", "FT2B",
                                                      std::string(14, 'T') + "A", std::string(14, 'T') + "B",
-                                                     "FT4A", "FT4B", "FT4C", "FT4D"};
+                                                     "FT4A", "FT4B", "FT4C", "FT4D", "FTH"};
     EXPECT_EQ(serials, expect_serials);
     EXPECT_EQ(descriptions[0], std::string(63, 'D'));
     EXPECT_EQ(descriptions[2], "Dual RS232-HS B");
@@ -164,39 +166,57 @@ TEST_F(Libftdi, ListsAtMost64) {
 struct OpenFailure {
     int strings_code, usb_open_code, open_code;
     const char *words;
+    const char *listing_words;  // when the strings could not be read
 };
 
 TEST_F(Libftdi, OpenFailuresSayWhy) {
     const OpenFailure cases[] = {
-        {-4, LIBUSB_ERROR_ACCESS, -4, "permission denied"},
-        {0, 0, -8, "permission denied"},
-        {0, 0, -5, "busy"},
-        {-4, LIBUSB_ERROR_NO_DEVICE, -4, "unplugged"},
-        {-1, 0, -4, "could not be opened"},
-        {0, 0, -9, "usb bulk write failed"},
+        {-4, LIBUSB_ERROR_ACCESS, -4, "permission denied", "permission denied"},
+        {0, 0, -8, "permission denied", nullptr},
+        {0, 0, -5, "busy", nullptr},
+        {-4, LIBUSB_ERROR_NO_DEVICE, -4, "unplugged", "unplugged"},
+        {-1, 0, -4, "could not be opened", "usb bulk write failed"},
+        {0, 0, -9, "usb bulk write failed", nullptr},
     };
     for (const OpenFailure &c : cases) {
         g_chips.clear();
         Chip &chip = attach(0x6001, "P");
         chip.strings_code = c.strings_code, chip.usb_open_code = c.usb_open_code, chip.open_code = c.open_code;
         ASSERT_EQ(list().size(), 1u) << "a bridge that cannot be opened is still listed";
-        Handle h = nullptr;
+        if (c.listing_words != nullptr) {
+            EXPECT_NE(bridge.last_error().find(c.listing_words), std::string::npos) << bridge.last_error();
+        }
+        Handle h = &chip;
         EXPECT_EQ(bridge.open(0, &h), kDeviceNotOpened);
+        EXPECT_EQ(h, nullptr);
         EXPECT_NE(bridge.last_error().find(c.words), std::string::npos) << bridge.last_error();
+        EXPECT_EQ(g_contexts, 1) << "only the lister's context is kept";
     }
 }
 
-TEST_F(Libftdi, WritesTheWholeCountOrFails) {
+// A bridge just opened waits 5 s for a write or a read and asks for 4096
+// bytes a transfer, as the vendor driver does, until told otherwise.
+TEST_F(Libftdi, WritesTheWholeCountOrFailsWithinTheLimitsInForce) {
     Chip &chip = attach(0x6001, "W");
-    Handle h = open(0, 10);
-    bridge.set_timeouts(h, 10, 1234);
+    list();
+    Handle h = nullptr;
+    ASSERT_EQ(bridge.open(0, &h), kOk);
     uint32_t written = 0;
     const Bytes bytes = pattern(12);
     EXPECT_EQ(bridge.write(h, bytes.data(), 8, &written), kOk);
     EXPECT_EQ(written, 8u);
-    EXPECT_EQ(chip.write_timeout, 1234);
+    EXPECT_EQ(chip.write_timeout, 5000);
+    t0 = g_clock.now_ms();
+    EXPECT_EQ(read(h, 1), Bytes{});
+    EXPECT_EQ(g_clock.now_ms() - t0, 5000);
+    EXPECT_EQ(chip.transfer_size, 4096);
+    EXPECT_EQ(bridge.set_usb_parameters(h, 100, 64), kOk);  // whole packets only
+    bridge.set_timeouts(h, 10, 1234);
+    read(h, 1);
+    EXPECT_EQ(chip.transfer_size, 64);
     EXPECT_EQ(bridge.write(h, bytes.data(), 12, &written), kIoError);
     EXPECT_EQ(written, 8u);
+    EXPECT_EQ(chip.write_timeout, 1234);
     chip.unplug_at = 0;
     EXPECT_NE(bridge.write(h, bytes.data(), 4, &written), kOk);
     EXPECT_EQ(written, 0u);
@@ -259,6 +279,30 @@ TEST_F(Libftdi, RefusesNullArgumentsAndNamesTheRequestTheChipRefused) {
         EXPECT_EQ(status, kIoError) << words;
     }
     EXPECT_NE(bridge.last_error().find("close C"), std::string::npos) << bridge.last_error();
+}
+
+// The real libraries are found on this machine; a library that is missing
+// or lacks a call is named.
+TEST(LibftdiLoader, LoadsEveryCallOrNamesWhatIsMissing) {
+    const char *why = "";
+    EXPECT_NE(libftdi_provider(&why), nullptr) << why;
+    const std::pair<std::pair<const char *, const char *>, const char *> cases[] = {
+        {{"libftdi1.so.2", "libusb-1.0.so.0"}, ""},
+        {{"libnothing.so.0", "libusb-1.0.so.0"}, "libnothing.so.0 not found"},
+        {{"libftdi1.so.2", "libnothing.so.0"}, "libnothing.so.0 not found"},
+        {{"libusb-1.0.so.0", "libusb-1.0.so.0"}, "lacks ftdi_new"},
+        {{"libftdi1.so.2", "libc.so.6"}, "lacks libusb_open"},
+    };
+    for (const auto &[libraries, words] : cases) {
+        FtdiCalls calls{};
+        const std::string got = load_libftdi(libraries.first, libraries.second, calls);
+        EXPECT_NE(got.find(words), std::string::npos) << got;
+        if (*words != '\0') continue;
+        EXPECT_EQ(got, "");
+        void *slots[sizeof calls / sizeof(void *)];
+        std::memcpy(slots, &calls, sizeof calls);
+        for (void *slot : slots) EXPECT_NE(slot, nullptr);
+    }
 }
 
 }  // namespace

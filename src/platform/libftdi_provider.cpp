@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -322,15 +323,62 @@ constexpr const char *kFtdiLibrary = "libftdi1.so.2";
 constexpr const char *kUsbLibrary = "libusb-1.0.so.0";
 #endif
 
-template <typename Fn>
-bool bind(void *library, const char *name, Fn &slot, std::string &missing) {
-    void *address = dlsym(library, name);
-    // Function and object pointers share a size wherever this file builds;
-    // memcpy avoids the cast -Wpedantic rejects.
-    std::memcpy(&slot, &address, sizeof slot);
-    if (address == nullptr && missing.empty()) missing = name;
-    return address != nullptr;
+// Every call FtdiCalls holds, with its name and the library that has it.
+struct Symbol {
+    bool in_usb;
+    const char *name;
+    size_t offset;
+};
+#define KAVREL_FTDI_CALL(usb, name) {usb, #name, offsetof(FtdiCalls, name)}
+constexpr Symbol kSymbols[] = {
+    KAVREL_FTDI_CALL(false, ftdi_new),
+    KAVREL_FTDI_CALL(false, ftdi_free),
+    KAVREL_FTDI_CALL(false, ftdi_set_interface),
+    KAVREL_FTDI_CALL(false, ftdi_usb_find_all),
+    KAVREL_FTDI_CALL(false, ftdi_list_free),
+    KAVREL_FTDI_CALL(false, ftdi_usb_get_strings2),
+    KAVREL_FTDI_CALL(false, ftdi_usb_open_dev),
+    KAVREL_FTDI_CALL(false, ftdi_usb_close),
+    KAVREL_FTDI_CALL(false, ftdi_usb_reset),
+    KAVREL_FTDI_CALL(false, ftdi_tcioflush),
+    KAVREL_FTDI_CALL(false, ftdi_set_latency_timer),
+    KAVREL_FTDI_CALL(false, ftdi_write_data_set_chunksize),
+    KAVREL_FTDI_CALL(false, ftdi_write_data),
+    KAVREL_FTDI_CALL(false, ftdi_get_error_string),
+    KAVREL_FTDI_CALL(true, libusb_open),
+    KAVREL_FTDI_CALL(true, libusb_close),
+    KAVREL_FTDI_CALL(true, libusb_bulk_transfer),
+    KAVREL_FTDI_CALL(true, libusb_strerror),
+};
+#undef KAVREL_FTDI_CALL
+static_assert(sizeof kSymbols / sizeof kSymbols[0] * sizeof(void (*)()) == sizeof(FtdiCalls),
+              "every call in FtdiCalls is loaded");
+
+}  // namespace
+
+std::string load_libftdi(const char *ftdi_library, const char *usb_library, FtdiCalls &calls) {
+    void *libraries[2] = {dlopen(ftdi_library, RTLD_NOW | RTLD_LOCAL), dlopen(usb_library, RTLD_NOW | RTLD_LOCAL)};
+    std::string why;
+    if (libraries[0] == nullptr || libraries[1] == nullptr)
+        why = std::string(libraries[0] == nullptr ? ftdi_library : usb_library) + " not found";
+    for (const Symbol &symbol : kSymbols) {
+        if (!why.empty()) break;
+        void *address = dlsym(libraries[symbol.in_usb ? 1 : 0], symbol.name);
+        // ftdi_usb_get_strings2 and ftdi_tcioflush came with libftdi1 1.5.
+        if (address == nullptr)
+            why = std::string(ftdi_library) + " or " + usb_library + " lacks " + symbol.name +
+                  " (libftdi1 1.5 or later)";
+        // Function and object pointers share a size wherever this file
+        // builds; memcpy avoids the cast -Wpedantic rejects.
+        std::memcpy(reinterpret_cast<char *>(&calls) + symbol.offset, &address, sizeof address);
+    }
+    // Loaded, the libraries stay for the life of the process.
+    for (void *library : libraries)
+        if (!why.empty() && library != nullptr) dlclose(library);
+    return why;
 }
+
+namespace {
 
 // The provider of the process, made on first use and never destroyed: the
 // application may still hold bridges open when the process ends, and
@@ -342,42 +390,8 @@ struct Loaded {
     std::unique_ptr<LibftdiBridge> bridge;
     Platform table{};
 
-    Loaded() {
-        void *ftdi = dlopen(kFtdiLibrary, RTLD_NOW | RTLD_LOCAL);
-        if (ftdi == nullptr) {
-            why = std::string(kFtdiLibrary) + " not found";
-            return;
-        }
-        void *usb = dlopen(kUsbLibrary, RTLD_NOW | RTLD_LOCAL);
-        if (usb == nullptr) {
-            why = std::string(kUsbLibrary) + " not found";
-            return;
-        }
-        std::string missing;
-        FtdiCalls &c = calls;
-        bind(ftdi, "ftdi_new", c.ftdi_new, missing);
-        bind(ftdi, "ftdi_free", c.ftdi_free, missing);
-        bind(ftdi, "ftdi_set_interface", c.ftdi_set_interface, missing);
-        bind(ftdi, "ftdi_usb_find_all", c.ftdi_usb_find_all, missing);
-        bind(ftdi, "ftdi_list_free", c.ftdi_list_free, missing);
-        bind(ftdi, "ftdi_usb_get_strings2", c.ftdi_usb_get_strings2, missing);
-        bind(ftdi, "ftdi_usb_open_dev", c.ftdi_usb_open_dev, missing);
-        bind(ftdi, "ftdi_usb_close", c.ftdi_usb_close, missing);
-        bind(ftdi, "ftdi_usb_reset", c.ftdi_usb_reset, missing);
-        bind(ftdi, "ftdi_tcioflush", c.ftdi_tcioflush, missing);
-        bind(ftdi, "ftdi_set_latency_timer", c.ftdi_set_latency_timer, missing);
-        bind(ftdi, "ftdi_write_data_set_chunksize", c.ftdi_write_data_set_chunksize, missing);
-        bind(ftdi, "ftdi_write_data", c.ftdi_write_data, missing);
-        bind(ftdi, "ftdi_get_error_string", c.ftdi_get_error_string, missing);
-        bind(usb, "libusb_open", c.libusb_open, missing);
-        bind(usb, "libusb_close", c.libusb_close, missing);
-        bind(usb, "libusb_bulk_transfer", c.libusb_bulk_transfer, missing);
-        bind(usb, "libusb_strerror", c.libusb_strerror, missing);
-        if (!missing.empty()) {
-            // ftdi_usb_get_strings2 and ftdi_tcioflush came with libftdi1 1.5.
-            why = std::string(kFtdiLibrary) + " or " + kUsbLibrary + " lacks " + missing + " (libftdi1 1.5 or later)";
-            return;
-        }
+    Loaded() : why(load_libftdi(kFtdiLibrary, kUsbLibrary, calls)) {
+        if (!why.empty()) return;
         bridge = std::make_unique<LibftdiBridge>(calls, clock);
         table = provider_table("libftdi1", *bridge);
     }

@@ -54,6 +54,10 @@ struct FtdiCalls {
     const char *(*libusb_strerror)(int code);
 };
 
+// Loads libftdi1 and libusb by these names and fills calls from them: ""
+// when every call was found, else why not, in words.
+std::string load_libftdi(const char *ftdi_library, const char *usb_library, FtdiCalls &calls);
+
 // The statuses this provider returns: the vendor driver's numbers for the
 // same failures, so that a status reads alike whichever provider gave it.
 // The words for the latest failure are in last_error().

@@ -33,7 +33,7 @@ struct Chip {
     int control_code = 0;   // latency, chunk size, flush, reset and close requests
     double unplug_at = INFINITY;
     std::deque<Packet> packets;
-    int opened_interface = -1, flushes = 0, write_timeout = 0;
+    int opened_interface = -1, flushes = 0, write_timeout = 0, transfer_size = 0;
     std::vector<int> endpoints;
 
     // Payload bytes 0, 1, 2, ... from first, sent at at_ms in full packets.
@@ -52,6 +52,7 @@ inline std::deque<Chip> g_chips;
 // searched (find_all's code when below 0).
 inline bool g_no_context = false;
 inline int g_find_all_code = 0;
+inline int g_contexts = 0;  // made and not yet freed
 
 inline Chip &chip_of(void *p) {
     return *static_cast<Chip *>(p);
@@ -59,8 +60,8 @@ inline Chip &chip_of(void *p) {
 
 inline const FtdiCalls kFake = [] {
     FtdiCalls c{};
-    c.ftdi_new = [] { return g_no_context ? nullptr : new ftdi_context{}; };
-    c.ftdi_free = [](ftdi_context *f) { delete f; };
+    c.ftdi_new = [] { return g_no_context ? nullptr : (++g_contexts, new ftdi_context{}); };
+    c.ftdi_free = [](ftdi_context *f) { --g_contexts, delete f; };
     c.ftdi_set_interface = [](ftdi_context *f, ftdi_interface i) {
         f->interface = i - INTERFACE_A;
         f->out_ep = 0x81 + 2 * f->interface;
@@ -116,6 +117,7 @@ inline const FtdiCalls kFake = [] {
                                 int *done, unsigned timeout) {
         Chip &chip = chip_of(h);
         chip.endpoints.push_back(ep);
+        chip.transfer_size = size;
         const double deadline = g_clock.now_ms() + timeout;
         for (*done = 0;;) {
             const double next = chip.packets.empty() ? INFINITY : chip.packets.front().at_ms;
