@@ -12,19 +12,21 @@ namespace kavrel {
 // The open slot that is active now, or -1 (the guard's -3).
 int active_index_now();
 
+// The active open slot with its I/O lock taken into io, or null (the
+// guard's -3): none is active, or it was closed while this call waited for
+// its lock.
+device_slot *lock_active_slot(std::unique_lock<std::mutex> &io);
+
 // Runs body(slot) once the guard has passed; the guard's -3 comes before
 // anything the body checks.
 template <typename Body>
 int32_t device_call(Body &&body) noexcept {
     return api_call([&]() -> int32_t {
-        const int index = active_index_now();
-        if (index < 0) return KAVREL_DIRECT_ERR_NOT_OPEN;
-        std::lock_guard<std::mutex> io(slot_mutex(index));
-        // Closed while this call waited for the slot (whoever writes is_open
-        // holds the slot's lock).
-        if (!g_devices[index].is_open) return KAVREL_DIRECT_ERR_NOT_OPEN;
-        OperationScope operation(g_devices[index]);
-        return body(g_devices[index]);
+        std::unique_lock<std::mutex> io;
+        device_slot *slot = lock_active_slot(io);
+        if (slot == nullptr) return KAVREL_DIRECT_ERR_NOT_OPEN;
+        OperationScope operation(*slot);
+        return body(*slot);
     });
 }
 

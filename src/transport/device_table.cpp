@@ -63,6 +63,14 @@ int active_index_now() {
     return g_devices[g_active_index].is_open ? g_active_index : -1;
 }
 
+device_slot *lock_active_slot(std::unique_lock<std::mutex> &io) {
+    const int index = active_index_now();
+    if (index < 0) return nullptr;
+    io = std::unique_lock<std::mutex>(slot_mutex(index));
+    // Whoever writes is_open holds the slot's lock.
+    return g_devices[index].is_open ? &g_devices[index] : nullptr;
+}
+
 void free_slot(int index) {
     device_slot &slot = g_devices[index];
     const platform::Platform *provider = slot.provider;
