@@ -135,12 +135,14 @@ TEST_F(Libftdi, ListsEachInterfaceWithItsLetterAndCutsTexts) {
     attach(0x6011, "FT4", "Quad RS232-HS");
     attach(0x6010, std::string(20, 'T'), std::string(100, 'E'));
     attach(0x6014, "FTH", "Single RS232-HS");
+    attach(0x6015, "FTX", "FT230X Basic UART");
     const auto e = list();
+    EXPECT_EQ(bridge.last_error(), "");
     std::vector<std::string> serials, descriptions;
     for (const BridgeEntry &entry : e) serials.push_back(entry.serial_number), descriptions.push_back(entry.description);
     const std::vector<std::string> expect_serials = {std::string(15, 'S'), "FT2A", "FT2B",
                                                      std::string(14, 'T') + "A", std::string(14, 'T') + "B",
-                                                     "FT4A", "FT4B", "FT4C", "FT4D", "FTH"};
+                                                     "FT4A", "FT4B", "FT4C", "FT4D", "FTH", "FTX"};
     EXPECT_EQ(serials, expect_serials);
     EXPECT_EQ(descriptions[0], std::string(63, 'D'));
     EXPECT_EQ(descriptions[2], "Dual RS232-HS B");
@@ -153,8 +155,15 @@ TEST_F(Libftdi, ListsEachInterfaceWithItsLetterAndCutsTexts) {
     bridge.close(h);
 }
 
-TEST_F(Libftdi, ListsAtMost64) {
+TEST_F(Libftdi, ListsAtMost64AndKeepsNothingOnceGone) {
     for (int i = 0; i < 40; ++i) attach(0x6010, "C" + std::to_string(i));
+    {
+        LibftdiBridge other{kFake, g_clock};
+        uint32_t n = 0;
+        other.create_device_info_list(&n);
+        EXPECT_EQ(g_list_nodes, 40);
+    }
+    EXPECT_EQ(g_contexts + g_list_nodes, 0);
     const auto e = list();
     ASSERT_EQ(e.size(), 64u);
     EXPECT_STREQ(e[63].serial_number, "C31B");
@@ -210,15 +219,17 @@ TEST_F(Libftdi, WritesTheWholeCountOrFailsWithinTheLimitsInForce) {
     EXPECT_EQ(read(h, 1), Bytes{});
     EXPECT_EQ(g_clock.now_ms() - t0, 5000);
     EXPECT_EQ(chip.transfer_size, 4096);
-    EXPECT_EQ(bridge.set_usb_parameters(h, 100, 64), kOk);  // whole packets only
     bridge.set_timeouts(h, 10, 1234);
-    read(h, 1);
-    EXPECT_EQ(chip.transfer_size, 64);
+    for (const auto &[asked, transfer] : {std::pair{100, 64}, {1 << 20, 65536}}) {  // whole packets, at most 64 KiB
+        EXPECT_EQ(bridge.set_usb_parameters(h, asked, 64), kOk);
+        read(h, 1);
+        EXPECT_EQ(chip.transfer_size, transfer);
+    }
     EXPECT_EQ(bridge.write(h, bytes.data(), 12, &written), kIoError);
     EXPECT_EQ(written, 8u);
     EXPECT_EQ(chip.write_timeout, 1234);
     chip.unplug_at = 0;
-    EXPECT_NE(bridge.write(h, bytes.data(), 4, &written), kOk);
+    EXPECT_NE(bridge.write(h, bytes.data(), 1, &written), kOk);
     EXPECT_EQ(written, 0u);
     bridge.close(h);
 }
@@ -285,7 +296,9 @@ TEST_F(Libftdi, RefusesNullArgumentsAndNamesTheRequestTheChipRefused) {
 // or lacks a call is named.
 TEST(LibftdiLoader, LoadsEveryCallOrNamesWhatIsMissing) {
     const char *why = "";
-    EXPECT_NE(libftdi_provider(&why), nullptr) << why;
+    const Platform *provider = libftdi_provider(&why);
+    ASSERT_NE(provider, nullptr) << why;
+    EXPECT_STREQ(provider->name, "libftdi1");
     const std::pair<std::pair<const char *, const char *>, const char *> cases[] = {
         {{"libftdi1.so.2", "libusb-1.0.so.0"}, ""},
         {{"libnothing.so.0", "libusb-1.0.so.0"}, "libnothing.so.0 not found"},

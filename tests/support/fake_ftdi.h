@@ -52,7 +52,7 @@ inline std::deque<Chip> g_chips;
 // searched (find_all's code when below 0).
 inline bool g_no_context = false;
 inline int g_find_all_code = 0;
-inline int g_contexts = 0;  // made and not yet freed
+inline int g_contexts = 0, g_list_nodes = 0;  // made and not yet freed
 
 inline Chip &chip_of(void *p) {
     return *static_cast<Chip *>(p);
@@ -72,11 +72,11 @@ inline const FtdiCalls kFake = [] {
         int n = 0;
         for (auto it = g_chips.rbegin(); it != g_chips.rend(); ++it)
             if (vendor == 0x0403 && it->product == product)
-                *list = new ftdi_device_list{*list, reinterpret_cast<libusb_device *>(&*it)}, ++n;
+                *list = new ftdi_device_list{*list, reinterpret_cast<libusb_device *>(&*it)}, ++n, ++g_list_nodes;
         return n;
     };
     c.ftdi_list_free = [](ftdi_device_list **list) {
-        while (*list != nullptr) delete std::exchange(*list, (*list)->next);
+        while (*list != nullptr) delete std::exchange(*list, (*list)->next), --g_list_nodes;
     };
     c.ftdi_usb_get_strings2 = [](ftdi_context *, libusb_device *d, char *, int, char *desc, int, char *ser,
                                  int) {
