@@ -1,15 +1,10 @@
 #include "spectral/transfer_buffer.h"
 
-#include <atomic>
 #include <new>
 
 namespace kavrel {
-namespace {
-std::atomic<int> g_attempted{0};
-}  // namespace
 
 void *allocate_transfer(size_t bytes) noexcept {
-    ++g_attempted;
     // Through the global allocation functions, so that a program that
     // replaces them sees (and can fail) these buffers too. A request for 0
     // bytes still gets a block of its own.
@@ -18,10 +13,6 @@ void *allocate_transfer(size_t bytes) noexcept {
 
 void release_transfer(void *memory) noexcept {
     ::operator delete(memory);
-}
-
-int transfer_hooks::allocations_attempted() {
-    return g_attempted.load();
 }
 
 }  // namespace kavrel

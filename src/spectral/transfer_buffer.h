@@ -41,11 +41,6 @@ private:
     size_t count_ = 0;
 };
 
-// For tests: transfer buffers asked for since the process started.
-namespace transfer_hooks {
-int allocations_attempted();
-}  // namespace transfer_hooks
-
 }  // namespace kavrel
 
 #endif
