@@ -35,15 +35,25 @@ public:
     Input(const uint8_t *data, size_t size) : p_(data), left_(size) {}
     bool empty() const { return left_ == 0; }
     uint8_t byte();
-    uint16_t be16();
-    uint32_t be32();
+    uint16_t be16() { return static_cast<uint16_t>(be(2)); }
+    uint32_t be32() { return be(4); }
     // Up to n bytes; n is cut to what was there.
     const uint8_t *take(size_t &n);
 
 private:
+    uint32_t be(int bytes);
     const uint8_t *p_;
     size_t left_;
 };
+
+// The delay a chunk's control byte gives it after the previous chunk.
+inline double chunk_delay_ms(uint8_t control) {
+    const uint32_t d = control & 0x7Fu;
+    return d * d / 4.0;
+}
+
+using platform::Handle;
+using platform::Status;
 
 class FuzzBridge {
 public:
@@ -55,22 +65,27 @@ public:
     FuzzBridge(const FuzzBridge &) = delete;
     FuzzBridge &operator=(const FuzzBridge &) = delete;
 
-    double now() const { return clock_.now_ms(); }
     // Schedules the next reply of the stream on bridge index as though a
     // request had been written to it.
     void send_unasked(int index) { schedule(ports_[static_cast<size_t>(index)], nullptr); }
 
-    platform::Status create_device_info_list(uint32_t *count);
-    platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
-    platform::Status open(int index, platform::Handle *handle);
-    platform::Status close(platform::Handle handle);
-    platform::Status set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms);
-    platform::Status set_latency_timer(platform::Handle, uint8_t) { return platform::kOk; }
-    platform::Status set_usb_parameters(platform::Handle, uint32_t, uint32_t) { return platform::kOk; }
-    platform::Status purge(platform::Handle handle, uint32_t mask);
-    platform::Status reset_device(platform::Handle) { return platform::kOk; }
-    platform::Status write(platform::Handle handle, const void *bytes, uint32_t count, uint32_t *written);
-    platform::Status read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned);
+    Status create_device_info_list(uint32_t *count);
+    Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
+    Status open(int index, Handle *handle);
+    Status close(Handle h) {
+        port(h).open = false;
+        return platform::kOk;
+    }
+    Status set_timeouts(Handle h, uint32_t read_ms, uint32_t) {
+        port(h).read_limit_ms = read_ms;
+        return platform::kOk;
+    }
+    Status set_latency_timer(Handle, uint8_t) { return platform::kOk; }
+    Status set_usb_parameters(Handle, uint32_t, uint32_t) { return platform::kOk; }
+    Status purge(Handle handle, uint32_t mask);
+    Status reset_device(Handle) { return platform::kOk; }
+    Status write(Handle handle, const void *bytes, uint32_t count, uint32_t *written);
+    Status read(Handle handle, void *buffer, uint32_t count, uint32_t *returned);
     double now_ms() { return clock_.now_ms(); }
     void sleep_ms(uint32_t ms) { clock_.sleep_ms(ms); }
 
@@ -82,7 +97,7 @@ private:
         bool open = false;
         bool fail_next_read = false;
     };
-    Port &port(platform::Handle handle);
+    Port &port(Handle handle);
     // Takes the next reply from the stream into p's inbox; a short write
     // lowers *written.
     void schedule(Port &p, uint32_t *written);
@@ -96,6 +111,16 @@ private:
 // A broken promise of the library: stops the run where the fuzzer sees it.
 inline void require(bool promise) {
     if (!promise) __builtin_trap();
+}
+
+// A count, capacity or length from a 32-bit argument: below bound, or, when
+// the top bit is set, anything at all (negative as int32_t).
+inline int32_t size_arg(uint32_t v, uint32_t bound) {
+    return (v & 0x80000000u) != 0 ? static_cast<int32_t>(v) : static_cast<int32_t>(v % bound);
+}
+
+inline size_t room(int32_t n) {
+    return n > 0 ? static_cast<size_t>(n) : 0;
 }
 
 // A caller's output: exactly n elements on the heap, so that a write past
@@ -133,14 +158,19 @@ std::vector<Seed> seeds();
 void put_be32(Bytes &out, uint32_t value);
 // One chunk of the reply stream.
 void put_chunk(Bytes &stream, const Bytes &bytes, uint8_t delay_code = 0, bool last = true);
+// CM2 requests as the library builds them.
+Bytes cm2_query(uint8_t reg, uint32_t address, uint16_t words);
+Bytes cm2_write(uint8_t reg, uint32_t address, const Bytes &data);
 // A CM2 reply acknowledging a request at reg and address with data.
 Bytes cm2_answer(uint8_t reg, uint32_t address, const Bytes &data);
+// bytes followed by their NIR CRC-16: a command as the host sends it.
+Bytes nir_frame(Bytes bytes);
 // An NIR reply: acknowledge, data, CRC-16.
 Bytes nir_answer(const Bytes &data);
 
 // The fuzz targets print through the library's trace functions and the
-// bridge listing: their output goes nowhere.
-void silence_stdout();
+// bridge listing: their output goes nowhere. Returns 0.
+int silence_stdout();
 
 }  // namespace kavrel::fuzz
 
