@@ -10,10 +10,6 @@
 using namespace kavrel;
 using namespace kavrel::fuzz;
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    return silence_stdout();
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The bytes in a heap block of their own size, and the length as the
     // caller would give it: lengths past the record's room must be refused.

@@ -69,10 +69,6 @@ void nir_exchange(FuzzBridge &bridge, uint8_t mode, uint32_t b, uint32_t c) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    return silence_stdout();
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Input in(data, size);
     const uint8_t mode = in.byte();

@@ -259,10 +259,6 @@ void check_table() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    return silence_stdout();
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Input in(data, size);
     const uint8_t setup = in.byte();
@@ -340,9 +336,9 @@ std::vector<Seed> kavrel::fuzz::seeds() {
     const Bytes model = cm2_answer(0xC1, 0x46, Bytes(16, 'M')), spectrum = cm2_answer(0xC6, 0, samples);
     const Bytes flash_idle = cm2_answer(0xC1, 0x4A, {}), flash_done = cm2_answer(0xC1, 0x4A, done);
     const Bytes nir_table = nir_answer(wavelengths), nir_temperature = nir_answer({0x01, 0x90});
-    Bytes nir_spectrum = {0xAA, 0x55, 0xBB, 0x44};
-    nir_spectrum.insert(nir_spectrum.end(), samples.begin(), samples.end());
-    nir_spectrum.insert(nir_spectrum.end(), {0xDD, 0xDD, 0xAA, 0xAA});
+    // The samples between the NIR spectrum's head and tail marks.
+    const Bytes nir_spectrum = {0xAA, 0x55, 0xBB, 0x44, 0,  10,   0,    11,   0,
+                                12,   0,    13,   0,    14, 0xDD, 0xDD, 0xAA, 0xAA};
     const uint32_t from = float_bits(405), to = float_bits(435);
     return {
         Script("cm2_settings", kTwoBridgesCm2)
