@@ -40,14 +40,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     return 0;
 }
-
-std::vector<Seed> kavrel::fuzz::seeds() {
-    const Bytes query = cm2_query(0xC1, 0x000046, 4);
-    Bytes damaged = cm2_answer(0xC5, 0, Bytes(64, 0x43));
-    damaged[40] ^= 0x01;
-    return {{"query", query},
-            {"model_reply", cm2_answer(0xC1, 0x000046, {'K', 'V', '-', '2', '0', '4', '8', 0})},
-            {"write_ack", cm2_answer(0xC1, 0x000012, {})},
-            {"crc_damaged", damaged},
-            {"head_only", Bytes(query.begin(), query.begin() + 24)}};
-}

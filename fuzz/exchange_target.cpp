@@ -84,29 +84,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         cm2_exchange(mode, a, b, c);
     return 0;
 }
-
-namespace {
-
-// The arguments, then a reply cut in two at at, the second part a little later.
-Bytes seed(uint8_t mode, uint32_t a, uint32_t b, uint32_t c, const Bytes &reply, size_t at, uint8_t delay) {
-    Bytes out{mode};
-    for (uint32_t argument : {a, b, c}) put_be32(out, argument);
-    const auto cut = reply.begin() + static_cast<long>(at);
-    if (at > 0) put_chunk(out, Bytes(reply.begin(), cut), 0, false);
-    put_chunk(out, Bytes(cut, reply.end()), delay);
-    return out;
-}
-
-}  // namespace
-
-std::vector<Seed> kavrel::fuzz::seeds() {
-    constexpr uint8_t kCm2Query = 2, kCm2Write = 0, kNirCommand = 1, kNirCollect = 3;
-    const Bytes version = cm2_answer(0xC1, 0x41, {1, 2, 3, 4, 0, 0, 0, 0});
-    const Bytes spectrum = cm2_answer(0xC6, 0, Bytes(4096, 0x12));
-    return {{"cm2_query_split", seed(kCm2Query, 0xC1000041, 2, 64, version, 20, 10)},
-            {"cm2_write", seed(kCm2Write, 0xC1000012, 4, 0, cm2_answer(0xC1, 0x12, {}), 0, 0)},
-            {"cm2_spectrum", seed(kCm2Query, 0xC6000000, 1024, 4096, spectrum, 28, 60)},
-            {"nir_command_split",
-             seed(kNirCommand, 500u << 16 | 2, 4, 20, nir_answer({0, 0, 0x27, 0x10}), 3, 20)},
-            {"nir_collect", seed(kNirCollect, 0, 300u << 16, 100, {0x06, 0x41, 0x42, 0x43, 0x44}, 2, 40)}};
-}

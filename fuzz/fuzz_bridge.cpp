@@ -3,9 +3,7 @@
 #include <cstdio>
 
 #include "kavrel_direct.h"
-#include "protocol/cm2_codec.h"
 #include "transport/device_table.h"
-#include "transport/nir_exchange.h"
 
 namespace kavrel::fuzz {
 
@@ -78,55 +76,6 @@ Status FuzzBridge::read(Handle handle, void *buffer, uint32_t count, uint32_t *r
     }
     *returned = static_cast<uint32_t>(p.inbox.read(static_cast<uint8_t *>(buffer), count, p.read_limit_ms));
     return platform::kOk;
-}
-
-void put_be32(Bytes &out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-void put_chunk(Bytes &stream, const Bytes &bytes, uint8_t delay_code, bool last) {
-    stream.push_back(static_cast<uint8_t>((delay_code & 0x7F) | (last ? kEndOfReply : 0)));
-    stream.push_back(static_cast<uint8_t>(bytes.size() >> 8));
-    stream.push_back(static_cast<uint8_t>(bytes.size()));
-    stream.insert(stream.end(), bytes.begin(), bytes.end());
-}
-
-Bytes cm2_query(uint8_t reg, uint32_t address, uint16_t words) {
-    Bytes out(cm2::kQueryBytes);
-    kavrel_direct_build_query(reg, address, words, out.data());
-    return out;
-}
-
-Bytes cm2_write(uint8_t reg, uint32_t address, const Bytes &data) {
-    Bytes out(static_cast<size_t>(cm2::write_packet_bytes(static_cast<int32_t>(data.size()))));
-    kavrel_direct_build_write(reg, address, data.data(), static_cast<int32_t>(data.size()), out.data());
-    return out;
-}
-
-Bytes cm2_answer(uint8_t reg, uint32_t address, const Bytes &data) {
-    // A write packet has the reply's layout; only the service, the reply
-    // code and so the CRC differ.
-    Bytes packet = cm2_write(reg, address, data);
-    packet[13] = data.empty() ? cm2::kSrvResponseWriteAck : cm2::kSrvResponseData;
-    packet[27] = cm2::kReplyAck;
-    const size_t crc_at = packet.size() - 4;
-    const uint32_t crc = kavrel_direct_crc32(packet.data() + 8, static_cast<int32_t>(crc_at - 8));
-    packet.resize(crc_at);
-    put_be32(packet, crc);
-    return packet;
-}
-
-Bytes nir_frame(Bytes bytes) {
-    const uint16_t crc = nir_crc16(bytes.data(), bytes.size());
-    bytes.push_back(static_cast<uint8_t>(crc >> 8));
-    bytes.push_back(static_cast<uint8_t>(crc));
-    return bytes;
-}
-
-Bytes nir_answer(const Bytes &data) {
-    Bytes out{kNirAck};
-    out.insert(out.end(), data.begin(), data.end());
-    return nir_frame(out);
 }
 
 }  // namespace kavrel::fuzz

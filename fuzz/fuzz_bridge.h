@@ -19,7 +19,6 @@
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <vector>
 
 #include "platform/platform.h"
 #include "platform/timing_engine.h"
@@ -166,29 +165,6 @@ private:
     size_t n_;
     std::unique_ptr<T[]> data_;
 };
-
-// Building inputs: the seeds of each target's corpus, written by the replay
-// program, start the fuzzer from exchanges an instrument would make.
-using Bytes = std::vector<uint8_t>;
-struct Seed {
-    const char *name;
-    Bytes bytes;
-};
-// Every target defines its seeds.
-std::vector<Seed> seeds();
-
-void put_be32(Bytes &out, uint32_t value);
-// One chunk of the reply stream.
-void put_chunk(Bytes &stream, const Bytes &bytes, uint8_t delay_code = 0, bool last = true);
-// CM2 requests as the library builds them.
-Bytes cm2_query(uint8_t reg, uint32_t address, uint16_t words);
-Bytes cm2_write(uint8_t reg, uint32_t address, const Bytes &data);
-// A CM2 reply acknowledging a request at reg and address with data.
-Bytes cm2_answer(uint8_t reg, uint32_t address, const Bytes &data);
-// bytes followed by their NIR CRC-16: a command as the host sends it.
-Bytes nir_frame(Bytes bytes);
-// An NIR reply: acknowledge, data, CRC-16.
-Bytes nir_answer(const Bytes &data);
 
 }  // namespace kavrel::fuzz
 

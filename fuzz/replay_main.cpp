@@ -1,15 +1,13 @@
 // A fuzz target without the fuzzer: replays the inputs it is given (files,
 // or every file in a folder), so that the corpus and every crash kept as a
 // regression case run in each build, under any compiler, sanitizer or
-// valgrind. With --write-seeds FOLDER it writes the target's seeds instead.
+// valgrind.
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <vector>
-
-#include "fuzz_bridge.h"
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -17,16 +15,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 namespace fs = std::filesystem;
 
 int main(int argc, char **argv) {
-    if (argc == 3 && std::string(argv[1]) == "--write-seeds") {
-        fs::create_directories(argv[2]);
-        for (const kavrel::fuzz::Seed &seed : kavrel::fuzz::seeds()) {
-            std::ofstream out(fs::path(argv[2]) / seed.name, std::ios::binary);
-            out.write(reinterpret_cast<const char *>(seed.bytes.data()),
-                      static_cast<std::streamsize>(seed.bytes.size()));
-            if (!out) return 1;
-        }
-        return 0;
-    }
     LLVMFuzzerInitialize(&argc, &argv);
     std::vector<fs::path> files;
     for (int i = 1; i < argc; ++i) {

@@ -9,6 +9,7 @@
 // preamble, length and CRC are right, or an NIR acknowledge or refusal with
 // its CRC-16.
 #include <memory>
+#include <vector>
 
 #include "fuzz_bridge.h"
 #include "kavrel_direct.h"
@@ -79,45 +80,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         instrument->receive(bytes, n, line.now);
     }
     return 0;
-}
-
-namespace {
-
-// Requests, each its own chunk; the first one split in two with garbage before it.
-Bytes stream(uint8_t setup, std::initializer_list<Bytes> requests) {
-    Bytes out{setup};
-    put_chunk(out, {0x00, 0x13, 0xAA}, 0);
-    const Bytes &first = *requests.begin();
-    const auto half = first.begin() + static_cast<long>(first.size() / 2);
-    put_chunk(out, Bytes(first.begin(), half), 2);
-    put_chunk(out, Bytes(half, first.end()), 2);
-    for (auto request = requests.begin() + 1; request != requests.end(); ++request)
-        put_chunk(out, *request, 40);
-    return out;
-}
-
-}  // namespace
-
-std::vector<Seed> kavrel::fuzz::seeds() {
-    constexpr uint8_t kCm2 = 0, kNir = 1, kWithFault = 2;
-    Bytes faulty = stream(kCm2 | kWithFault, {cm2_query(0xC1, 0x46, 4)});
-    faulty.insert(faulty.begin() + 1, {KAVREL_SIM_FAULT_TRUNCATE, 1, 0, 20});
-    return {
-        {"cm2_identity",
-         stream(kCm2, {cm2_query(0xC1, 0x46, 4), cm2_query(0xC1, 0x40, 1), cm2_query(0xC2, 0x04, 3)})},
-        {"cm2_spectral",
-         stream(kCm2, {cm2_query(0xC2, 0x0B, 1), cm2_query(0xC5, 0, 2048), cm2_query(0xC6, 0, 1024)})},
-        {"cm2_flash", stream(kCm2, {cm2_write(0xC1, 0x12, {0, 0, 0, 0xEA}), cm2_write(0xC7, 0, {1, 2, 3, 4}),
-                                    cm2_write(0xC1, 0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD}),
-                                    cm2_query(0xC1, 0x4A, 2)})},
-        {"cm2_settings", stream(kCm2, {cm2_write(0xC1, 0, {0, 0, 0x4E, 0x20}), cm2_query(0xC1, 0, 1),
-                                       cm2_write(0xC1, 0x13, {0, 0, 0, 0xAA})})},
-        {"cm2_fault", faulty},
-        {"nir_identity",
-         stream(kNir, {nir_frame({'V'}), nir_frame({0x74}), nir_frame({0xBB}), nir_frame({'x'})})},
-        {"nir_spectral",
-         stream(kNir, {nir_frame({0x3F, 'S'}), nir_frame({'S'}), nir_frame({'i', 0, 0, 0x27, 0x10})})},
-        {"nir_flash", stream(kNir, {nir_frame({0xA5, 0xEA}), nir_frame({0xAF, 0, 3, 1, 2, 3, 4}),
-                                    nir_frame({0x3F, 0xAF, 0, 3})})},
-    };
 }
