@@ -12,15 +12,6 @@ using namespace kavrel::fuzz;
 
 namespace {
 
-// Capacities and lengths: mostly small, now and then anything at all.
-int32_t size_arg(uint32_t v) {
-    return (v & 0x80000000u) != 0 ? static_cast<int32_t>(v) : static_cast<int32_t>(v % 20000);
-}
-
-size_t room(int32_t n) {
-    return n > 0 ? static_cast<size_t>(n) : 0;
-}
-
 // The result and the outputs of one exchange: on failure the answer is as
 // it was (and its length too, unless it may say 0); on success no more than
 // the capacity was reported.
@@ -38,8 +29,8 @@ void check(int32_t rc, const Output<uint8_t> &answer, int32_t length, int32_t ca
 
 void cm2_exchange(uint8_t mode, uint32_t a, uint32_t b, uint32_t c) {
     const bool query = (mode & 2) != 0;
-    const uint32_t length = query ? (b & 0xFFFF) : (b & 0x80000000u ? b : b % 2100);
-    const int32_t capacity = size_arg(c);
+    const uint32_t length = query ? (b & 0xFFFF) : static_cast<uint32_t>(size_arg(b, 2100));
+    const int32_t capacity = size_arg(c, 20000);
     const Output<uint8_t> data(query ? 0 : room(static_cast<int32_t>(length < 4096 ? length : 0)));
     const Output<uint8_t> answer(room(capacity));
     int32_t answer_length = -1;
@@ -54,7 +45,7 @@ void cm2_exchange(uint8_t mode, uint32_t a, uint32_t b, uint32_t c) {
 }
 
 void nir_exchange(FuzzBridge &bridge, uint8_t mode, uint32_t b, uint32_t c) {
-    const int32_t capacity = size_arg(c);
+    const int32_t capacity = size_arg(c, 20000);
     const uint32_t quiet = b >> 16;  // up to about a minute
     const Output<uint8_t> answer(room(capacity));
     int32_t length = -1;
@@ -67,7 +58,7 @@ void nir_exchange(FuzzBridge &bridge, uint8_t mode, uint32_t b, uint32_t c) {
         require(rc != 0 || length > 0);
         return;
     }
-    const int32_t command_length = size_arg(b & 0x8000FFFFu);
+    const int32_t command_length = size_arg(b & 0x8000FFFFu, 20000);
     const Output<uint8_t> command(room(command_length));
     rc = nir_send_command(command.get(), command_length, answer.get(), &length, capacity, quiet);
     check(rc, answer, length, capacity < 0 ? 0 : capacity,
@@ -77,11 +68,6 @@ void nir_exchange(FuzzBridge &bridge, uint8_t mode, uint32_t b, uint32_t c) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    silence_stdout();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Input in(data, size);
@@ -97,41 +83,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     else
         cm2_exchange(mode, a, b, c);
     return 0;
-}
-
-namespace {
-
-Bytes header(uint8_t mode, uint32_t a, uint32_t b, uint32_t c) {
-    Bytes out{mode};
-    put_be32(out, a);
-    put_be32(out, b);
-    put_be32(out, c);
-    return out;
-}
-
-// A reply cut in two, the second part a little later.
-void put_split(Bytes &stream, const Bytes &reply, size_t at, uint8_t delay_code) {
-    put_chunk(stream, Bytes(reply.begin(), reply.begin() + static_cast<long>(at)), 0, false);
-    put_chunk(stream, Bytes(reply.begin() + static_cast<long>(at), reply.end()), delay_code);
-}
-
-}  // namespace
-
-std::vector<Seed> kavrel::fuzz::seeds() {
-    constexpr uint8_t kCm2Query = 2, kCm2Write = 0, kNirCommand = 1, kNirCollect = 3;
-    Bytes version = header(kCm2Query, 0xC1000041, 2, 64);
-    put_split(version, cm2_answer(0xC1, 0x41, {1, 2, 3, 4, 0, 0, 0, 0}), 20, 10);
-    Bytes write = header(kCm2Write, 0xC1000012, 4, 0);
-    put_chunk(write, cm2_answer(0xC1, 0x12, {}));
-    Bytes spectrum = header(kCm2Query, 0xC6000000, 1024, 4096);
-    put_split(spectrum, cm2_answer(0xC6, 0, Bytes(4096, 0x12)), 28, 60);
-    Bytes nir = header(kNirCommand, 500u << 16 | 2, 4, 20);
-    put_split(nir, nir_answer({0x00, 0x00, 0x27, 0x10}), 3, 20);
-    Bytes collect = header(kNirCollect, 0, 300u << 16, 100);
-    put_split(collect, {0x06, 0x41, 0x42, 0x43, 0x44}, 2, 40);
-    return {{"cm2_query_split", version},
-            {"cm2_write", write},
-            {"cm2_spectrum", spectrum},
-            {"nir_command_split", nir},
-            {"nir_collect", collect}};
 }

@@ -13,12 +13,12 @@
 #ifndef KAVREL_FUZZ_FUZZ_BRIDGE_H
 #define KAVREL_FUZZ_FUZZ_BRIDGE_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <vector>
 
 #include "platform/platform.h"
 #include "platform/timing_engine.h"
@@ -34,16 +34,39 @@ class Input {
 public:
     Input(const uint8_t *data, size_t size) : p_(data), left_(size) {}
     bool empty() const { return left_ == 0; }
-    uint8_t byte();
-    uint16_t be16();
-    uint32_t be32();
+    uint8_t byte() {
+        if (left_ == 0) return 0;
+        --left_;
+        return *p_++;
+    }
+    uint16_t be16() { return static_cast<uint16_t>(be(2)); }
+    uint32_t be32() { return be(4); }
     // Up to n bytes; n is cut to what was there.
-    const uint8_t *take(size_t &n);
+    const uint8_t *take(size_t &n) {
+        n = std::min(n, left_);
+        left_ -= n;
+        p_ += n;
+        return p_ - n;
+    }
 
 private:
+    uint32_t be(int bytes) {
+        uint32_t value = 0;
+        for (int i = 0; i < bytes; ++i) value = value << 8 | byte();
+        return value;
+    }
     const uint8_t *p_;
     size_t left_;
 };
+
+// The delay a chunk's control byte gives it after the previous chunk.
+inline double chunk_delay_ms(uint8_t control) {
+    const uint32_t d = control & 0x7Fu;
+    return d * d / 4.0;
+}
+
+using platform::Handle;
+using platform::Status;
 
 class FuzzBridge {
 public:
@@ -55,22 +78,37 @@ public:
     FuzzBridge(const FuzzBridge &) = delete;
     FuzzBridge &operator=(const FuzzBridge &) = delete;
 
-    double now() const { return clock_.now_ms(); }
     // Schedules the next reply of the stream on bridge index as though a
     // request had been written to it.
     void send_unasked(int index) { schedule(ports_[static_cast<size_t>(index)], nullptr); }
 
-    platform::Status create_device_info_list(uint32_t *count);
-    platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
-    platform::Status open(int index, platform::Handle *handle);
-    platform::Status close(platform::Handle handle);
-    platform::Status set_timeouts(platform::Handle handle, uint32_t read_ms, uint32_t write_ms);
-    platform::Status set_latency_timer(platform::Handle, uint8_t) { return platform::kOk; }
-    platform::Status set_usb_parameters(platform::Handle, uint32_t, uint32_t) { return platform::kOk; }
-    platform::Status purge(platform::Handle handle, uint32_t mask);
-    platform::Status reset_device(platform::Handle) { return platform::kOk; }
-    platform::Status write(platform::Handle handle, const void *bytes, uint32_t count, uint32_t *written);
-    platform::Status read(platform::Handle handle, void *buffer, uint32_t count, uint32_t *returned);
+    Status create_device_info_list(uint32_t *count) {
+        *count = static_cast<uint32_t>(ports_.size());
+        return platform::kOk;
+    }
+    Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
+    Status open(int index, Handle *handle);
+    Status close(Handle h) {
+        port(h).open = false;
+        return platform::kOk;
+    }
+    Status set_timeouts(Handle h, uint32_t read_ms, uint32_t) {
+        port(h).read_limit_ms = read_ms;
+        return platform::kOk;
+    }
+    Status set_latency_timer(Handle, uint8_t) { return platform::kOk; }
+    Status set_usb_parameters(Handle, uint32_t, uint32_t) { return platform::kOk; }
+    Status purge(Handle h, uint32_t mask) {
+        if (mask & platform::kPurgeRx) port(h).inbox.purge();
+        return platform::kOk;
+    }
+    Status reset_device(Handle) { return platform::kOk; }
+    Status write(Handle h, const void *, uint32_t count, uint32_t *written) {
+        *written = count;
+        schedule(port(h), written);
+        return platform::kOk;
+    }
+    Status read(Handle handle, void *buffer, uint32_t count, uint32_t *returned);
     double now_ms() { return clock_.now_ms(); }
     void sleep_ms(uint32_t ms) { clock_.sleep_ms(ms); }
 
@@ -82,7 +120,7 @@ private:
         bool open = false;
         bool fail_next_read = false;
     };
-    Port &port(platform::Handle handle);
+    Port &port(Handle handle);
     // Takes the next reply from the stream into p's inbox; a short write
     // lowers *written.
     void schedule(Port &p, uint32_t *written);
@@ -98,6 +136,16 @@ inline void require(bool promise) {
     if (!promise) __builtin_trap();
 }
 
+// A count, capacity or length from a 32-bit argument: below bound, or, when
+// the top bit is set, anything at all (negative as int32_t).
+inline int32_t size_arg(uint32_t v, uint32_t bound) {
+    return (v & 0x80000000u) != 0 ? static_cast<int32_t>(v) : static_cast<int32_t>(v % bound);
+}
+
+inline size_t room(int32_t n) {
+    return n > 0 ? static_cast<size_t>(n) : 0;
+}
+
 // A caller's output: exactly n elements on the heap, so that a write past
 // them is caught, filled with a pattern, so that a failed call can be shown
 // to have left them alone.
@@ -109,9 +157,7 @@ public:
     size_t size() const { return n_; }
     bool untouched() const {
         const auto *bytes = reinterpret_cast<const uint8_t *>(data_.get());
-        for (size_t i = 0; i < n_ * sizeof(T); ++i)
-            if (bytes[i] != kPattern) return false;
-        return true;
+        return std::all_of(bytes, bytes + n_ * sizeof(T), [](uint8_t b) { return b == kPattern; });
     }
 
 private:
@@ -119,28 +165,6 @@ private:
     size_t n_;
     std::unique_ptr<T[]> data_;
 };
-
-// Building inputs: the seeds of each target's corpus, written by the replay
-// program, start the fuzzer from exchanges an instrument would make.
-using Bytes = std::vector<uint8_t>;
-struct Seed {
-    const char *name;
-    Bytes bytes;
-};
-// Every target defines its seeds.
-std::vector<Seed> seeds();
-
-void put_be32(Bytes &out, uint32_t value);
-// One chunk of the reply stream.
-void put_chunk(Bytes &stream, const Bytes &bytes, uint8_t delay_code = 0, bool last = true);
-// A CM2 reply acknowledging a request at reg and address with data.
-Bytes cm2_answer(uint8_t reg, uint32_t address, const Bytes &data);
-// An NIR reply: acknowledge, data, CRC-16.
-Bytes nir_answer(const Bytes &data);
-
-// The fuzz targets print through the library's trace functions and the
-// bridge listing: their output goes nowhere.
-void silence_stdout();
 
 }  // namespace kavrel::fuzz
 

@@ -9,6 +9,7 @@
 // preamble, length and CRC are right, or an NIR acknowledge or refusal with
 // its CRC-16.
 #include <memory>
+#include <vector>
 
 #include "fuzz_bridge.h"
 #include "kavrel_direct.h"
@@ -49,10 +50,6 @@ public:
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Input in(data, size);
     const uint8_t setup = in.byte();
@@ -76,73 +73,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
     }
     while (!in.empty()) {
-        const uint8_t delay = in.byte() & 0x7F;
+        const double delay_ms = chunk_delay_ms(in.byte());
         size_t n = in.be16();
         const uint8_t *bytes = in.take(n);
-        line.now += delay * delay / 4.0;
+        line.now += delay_ms;
         instrument->receive(bytes, n, line.now);
     }
     return 0;
-}
-
-namespace {
-
-Bytes frame(const Bytes &command) {
-    Bytes out = command;
-    const uint16_t crc = nir_crc16(command.data(), command.size());
-    out.push_back(static_cast<uint8_t>(crc >> 8));
-    out.push_back(static_cast<uint8_t>(crc));
-    return out;
-}
-
-Bytes query(uint8_t reg, uint32_t address, uint16_t words) {
-    Bytes out(cm2::kQueryBytes);
-    kavrel_direct_build_query(reg, address, words, out.data());
-    return out;
-}
-
-Bytes write(uint8_t reg, uint32_t address, const Bytes &data) {
-    Bytes out(static_cast<size_t>(cm2::write_packet_bytes(static_cast<int32_t>(data.size()))));
-    kavrel_direct_build_write(reg, address, data.data(), static_cast<int32_t>(data.size()), out.data());
-    return out;
-}
-
-// Requests, each its own chunk; the first one split in two with garbage before it.
-Bytes stream(uint8_t setup, std::initializer_list<Bytes> requests) {
-    Bytes out{setup};
-    bool first = true;
-    for (const Bytes &request : requests) {
-        if (first) {
-            put_chunk(out, {0x00, 0x13, 0xAA}, 0);
-            const auto half = request.begin() + static_cast<long>(request.size() / 2);
-            put_chunk(out, Bytes(request.begin(), half), 2);
-            put_chunk(out, Bytes(half, request.end()), 2);
-            first = false;
-        } else {
-            put_chunk(out, request, 40);
-        }
-    }
-    return out;
-}
-
-}  // namespace
-
-std::vector<Seed> kavrel::fuzz::seeds() {
-    constexpr uint8_t kCm2 = 0, kNir = 1, kWithFault = 2;
-    Bytes faulty = stream(kCm2 | kWithFault, {query(0xC1, 0x46, 4)});
-    faulty.insert(faulty.begin() + 1, {KAVREL_SIM_FAULT_TRUNCATE, 1, 0, 20});
-    return {
-        {"cm2_identity", stream(kCm2, {query(0xC1, 0x46, 4), query(0xC1, 0x40, 1), query(0xC2, 0x04, 3)})},
-        {"cm2_spectral", stream(kCm2, {query(0xC2, 0x0B, 1), query(0xC5, 0, 2048), query(0xC6, 0, 1024)})},
-        {"cm2_flash",
-         stream(kCm2, {write(0xC1, 0x12, {0, 0, 0, 0xEA}), write(0xC7, 0, {1, 2, 3, 4}),
-                       write(0xC1, 0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD}), query(0xC1, 0x4A, 2)})},
-        {"cm2_settings", stream(kCm2, {write(0xC1, 0, {0, 0, 0x4E, 0x20}), query(0xC1, 0, 1),
-                                       write(0xC1, 0x13, {0, 0, 0, 0xAA})})},
-        {"cm2_fault", faulty},
-        {"nir_identity", stream(kNir, {frame({'V'}), frame({0x74}), frame({0xBB}), frame({'x'})})},
-        {"nir_spectral", stream(kNir, {frame({0x3F, 'S'}), frame({'S'}), frame({'i', 0, 0, 0x27, 0x10})})},
-        {"nir_flash",
-         stream(kNir, {frame({0xA5, 0xEA}), frame({0xAF, 0, 3, 1, 2, 3, 4}), frame({0x3F, 0xAF, 0, 3})})},
-    };
 }
