@@ -83,56 +83,27 @@ struct Paused {
 
 // Stands in front of the fake bridge and stops the count for every call
 // into it: the fake instrument's allocations are not the library's.
+#define UNCOUNTED(result, call, params, ...)                    \
+    result call params {                                         \
+        Paused p;                                                \
+        return Forwarder::call(__VA_ARGS__);                     \
+    }
 struct Uncounted : platform::Forwarder {
     using Forwarder::Forwarder;
-    platform::Status create_device_info_list(uint32_t *n) {
-        Paused p;
-        return Forwarder::create_device_info_list(n);
-    }
-    platform::Status get_device_info_list(platform::BridgeEntry *e, uint32_t *n) {
-        Paused p;
-        return Forwarder::get_device_info_list(e, n);
-    }
-    platform::Status open(int i, platform::Handle *h) {
-        Paused p;
-        return Forwarder::open(i, h);
-    }
-    platform::Status close(platform::Handle h) {
-        Paused p;
-        return Forwarder::close(h);
-    }
-    platform::Status set_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
-        Paused p;
-        return Forwarder::set_timeouts(h, r, w);
-    }
-    platform::Status set_latency_timer(platform::Handle h, uint8_t ms) {
-        Paused p;
-        return Forwarder::set_latency_timer(h, ms);
-    }
-    platform::Status set_usb_parameters(platform::Handle h, uint32_t i, uint32_t o) {
-        Paused p;
-        return Forwarder::set_usb_parameters(h, i, o);
-    }
-    platform::Status reset_device(platform::Handle h) {
-        Paused p;
-        return Forwarder::reset_device(h);
-    }
-    platform::Status purge(platform::Handle h, uint32_t m) {
-        Paused p;
-        return Forwarder::purge(h, m);
-    }
-    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
-        Paused p;
-        return Forwarder::write(h, b, n, w);
-    }
-    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
-        Paused p;
-        return Forwarder::read(h, b, n, r);
-    }
-    void sleep_ms(uint32_t ms) {
-        Paused p;
-        Forwarder::sleep_ms(ms);
-    }
+    using S = platform::Status;
+    using H = platform::Handle;
+    UNCOUNTED(S, create_device_info_list, (uint32_t * n), n)
+    UNCOUNTED(S, get_device_info_list, (platform::BridgeEntry * e, uint32_t *n), e, n)
+    UNCOUNTED(S, open, (int i, H *h), i, h)
+    UNCOUNTED(S, close, (H h), h)
+    UNCOUNTED(S, set_timeouts, (H h, uint32_t r, uint32_t w), h, r, w)
+    UNCOUNTED(S, set_latency_timer, (H h, uint8_t ms), h, ms)
+    UNCOUNTED(S, set_usb_parameters, (H h, uint32_t i, uint32_t o), h, i, o)
+    UNCOUNTED(S, reset_device, (H h), h)
+    UNCOUNTED(S, purge, (H h, uint32_t m), h, m)
+    UNCOUNTED(S, write, (H h, const void *b, uint32_t n, uint32_t *w), h, b, n, w)
+    UNCOUNTED(S, read, (H h, void *b, uint32_t n, uint32_t *r), h, b, n, r)
+    UNCOUNTED(void, sleep_ms, (uint32_t ms), ms)
 };
 
 // Listing and opening again, besides the device operations.
