@@ -114,41 +114,18 @@ const Operation kTableOperations[] = {
      false},
 };
 
-// An instrument that answers every request: the spectral model for tables,
-// spectra and pages, and for every other query the words asked for, each
-// with 0xAA in byte 1 (the handshake's done mark).
-struct AnyInstrument {
-    SpectralModel model;
-    std::vector<Chunk> answer(const Bytes &written, bool nir) const {
-        if (nir) {
-            const bool spectral =
-                written[0] == 0x53 || (written[0] == 0x3F && (written[1] == 0x53 || written[1] == 0xAF));
-            return spectral ? model.answer_nir(written) : at_once(nir_reply(Bytes(40, 0xAA)));
-        }
-        const uint8_t reg = written[21];
-        const uint32_t address = static_cast<uint32_t>(written[22]) << 16 | load_be16(&written[23]);
-        if (written[13] != 0x0D || reg == 0xC5 || reg == 0xC6 || reg == 0xC7 ||
-            (reg == 0xC2 && address == 0x0B))
-            return model.answer_cm2(written);
-        return at_once(cm2_reply(reg, address, Bytes(4u * load_be16(&written[15]), 0xAA)));
-    }
-};
-
 class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {
 protected:
-    AnyInstrument instrument;
+    SpectralModel model;
     Uncounted uncounted{platform::current()};
     platform::Platform table = platform::provider_table("uncounted", uncounted);
 
     void SetUp() override {
         DeviceTest::SetUp();
         use_provider(&table);
-        instrument.model.table = {400, 410, 420, 430, 440};
-        instrument.model.spectrum = {10, 11, 12, 13, 14};
-        const int device = GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001");
-        bridge.instrument(device).responder = [this](const Bytes &written) {
-            return instrument.answer(written, GetParam());
-        };
+        model.table = {400, 410, 420, 430, 440};
+        model.spectrum = {10, 11, 12, 13, 14};
+        model.serve(bridge, GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001"), GetParam());
     }
     void TearDown() override {
         g_fail_at = 0;
