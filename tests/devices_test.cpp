@@ -2,6 +2,8 @@
 // the frame every exported call runs in.
 #include <cstring>
 #include <functional>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -153,31 +155,6 @@ TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
               "purge 3, write 32, timeouts 200 5000, read 28:28, read 20:20, timeouts 5000 5000, close 0");
 }
 
-// The table queries answer at once while another thread waits in an
-// exchange; a close waits for that exchange.
-TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
-    const int d = open_cm2();
-    bridge.reply_any(d, at_once(cm2_reply(0xC6, 0, Bytes(8, 1))));
-    bridge.hold(d);
-    active().wavelength_count = 4;
-    int32_t result = 1;
-    std::thread reader([&] {
-        uint16_t samples[4];
-        result = kavrel_direct_get_full_spectrum_data(samples, 4);
-    });
-    bridge.wait_for_held_read();
-    EXPECT_EQ(table(), "1 32767 1 0 1");
-    EXPECT_EQ(kavrel_direct_select_device(0), KAVREL_DIRECT_OK);
-    EXPECT_EQ(kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO), KAVREL_DIRECT_OK);
-    std::thread closer([] { kavrel_direct_close_device(); });
-    bridge.release(d);
-    reader.join();
-    closer.join();
-    EXPECT_EQ(result, KAVREL_DIRECT_OK);
-    EXPECT_EQ(bridge.trace(),
-              "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
-}
-
 // Drivers that misbehave inside a call. Thrown: no exception crosses the C
 // boundary. Called back from a read, as a driver's event callback might:
 // each such call is refused at once instead of waiting for the locks its
@@ -185,9 +162,8 @@ TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
 // the end of its buffer.
 struct Misbehaving : platform::Forwarder {
     using Forwarder::Forwarder;
-    std::function<void()> fault = [] {};
-    bool overstate = false, call_back = false;
-    std::vector<int64_t> results;
+    std::function<void()> fault = [] {}, in_read = [] {};
+    bool overstate = false;
     platform::Status create_device_info_list(uint32_t *count) {
         return fault(), Forwarder::create_device_info_list(count);
     }
@@ -195,12 +171,7 @@ struct Misbehaving : platform::Forwarder {
         return fault(), Forwarder::write(h, b, n, w);
     }
     platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
-        if (call_back) {
-            float degrees = 0;
-            results = {kavrel_direct_get_temperature(&degrees), kavrel_direct_open_device(0),
-                       kavrel_direct_scan_devices()};
-            kavrel_direct_close_all_devices();
-        }
+        in_read();
         const platform::Status status = Forwarder::read(h, b, n, r);
         if (overstate && n > 0 && *r == n) *r = n + 7;
         return status;
@@ -210,8 +181,8 @@ struct Misbehaving : platform::Forwarder {
 class Misbehaved : public DeviceTest {
 protected:
     Misbehaving driver{platform::current()};
-    const platform::Platform table = platform::provider_table("misbehaving", driver);
-    void SetUp() override { DeviceTest::SetUp(), use_provider(&table); }
+    const platform::Platform provider = platform::provider_table("misbehaving", driver);
+    void SetUp() override { DeviceTest::SetUp(), use_provider(&provider); }
 };
 
 TEST_F(Misbehaved, ExceptionsFromTheProviderBecomeResults) {
@@ -226,12 +197,42 @@ TEST_F(Misbehaved, ExceptionsFromTheProviderBecomeResults) {
 
 TEST_F(Misbehaved, CallsBackInAreRefusedAndDoNothing) {
     bridge.reply_any(open_cm2(), at_once(cm2_reply(0xC1, 0x40, {0, 0, 1, 0x90})));
-    driver.call_back = true;
     float degrees = 0;
+    std::vector<int64_t> results, refused{KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0};
+    driver.in_read = [&] {
+        results = {kavrel_direct_get_temperature(&degrees), kavrel_direct_open_device(0),
+                   kavrel_direct_scan_devices()};
+        kavrel_direct_close_all_devices();
+    };
     EXPECT_EQ(kavrel_direct_get_temperature(&degrees), KAVREL_DIRECT_OK);
-    const std::vector<int64_t> refused{KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0};
-    EXPECT_EQ(driver.results, refused);
+    EXPECT_EQ(results, refused);
     EXPECT_EQ(kavrel_direct_get_open_device_count(), 1);
+}
+
+// The table queries answer at once while another thread waits in an
+// exchange; a close waits for that exchange.
+TEST_F(Misbehaved, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
+    bridge.reply_any(open_cm2(), at_once(cm2_reply(0xC6, 0, Bytes(8, 1))));
+    active().wavelength_count = 4;
+    std::promise<void> reading, go_on;
+    std::once_flag first;
+    driver.in_read = [&] { std::call_once(first, [&] { reading.set_value(), go_on.get_future().wait(); }); };
+    int32_t result = 1;
+    std::thread reader([&] {
+        uint16_t samples[4];
+        result = kavrel_direct_get_full_spectrum_data(samples, 4);
+    });
+    reading.get_future().wait();
+    EXPECT_EQ(table(), "1 32767 1 0 1");
+    EXPECT_EQ(kavrel_direct_select_device(0), KAVREL_DIRECT_OK);
+    EXPECT_EQ(kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO), KAVREL_DIRECT_OK);
+    std::thread closer([] { kavrel_direct_close_device(); });
+    go_on.set_value();
+    reader.join();
+    closer.join();
+    EXPECT_EQ(result, KAVREL_DIRECT_OK);
+    EXPECT_EQ(bridge.trace(),
+              "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
 }
 
 TEST_F(Misbehaved, AReadOverstatedIsNotBelieved) {

@@ -47,6 +47,7 @@ TEST(VirtualClock, SwitchingToRealTimeAndBackNeverGoesBackwards) {
 
 struct Case {
     const char *name;
+    bool nir;
     uint32_t a, b;  // CM2: register, words; NIR: capacity, quiet time
     std::vector<Chunk> reply;
     int32_t result;
@@ -63,30 +64,29 @@ const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
 constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, CRC = KAVREL_DIRECT_ERR_CRC,
                   TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT;
 
+constexpr bool CM2 = false, NIR = true;
+
 // clang-format off
-const Case kCm2Cases[] = {
-    {"RoundTrip", 0xC1, 2, at_once(kEight), OK, 8,
+const Case kCases[] = {
+    {"RoundTrip", CM2, 0xC1, 2, at_once(kEight), OK, 8,
      "purge 3, write 32, timeouts 200 5000, read 28:28, read 12:12, timeouts 5000 5000", 0},
     // At most 16 KiB of data, after the 28-byte head.
-    {"LongerIsRefusedAfterTheHead", 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4089, 0x12))), IO, -1,
+    {"LongerIsRefused", CM2, 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4089, 0x12))), IO, -1,
      "purge 3, write 32, timeouts 1010 5000, read 28:28", 0},
     // The short limit stays in force after a read that failed.
-    {"TruncatedTimesOutWhenAReadComesBackEmpty", 0xC1, 2, at_once(part(kEight, 0, 10)), TIMEOUT, -1,
+    {"TruncatedTimesOutWhenAReadComesBackEmpty", CM2, 0xC1, 2, at_once(part(kEight, 0, 10)), TIMEOUT, -1,
      "purge 3, write 32, timeouts 200 5000, read 28:10, read 18:0", 400},
-    {"SpectrumRegisterWaitsItsLimit", 0xC6, 1024, {}, TIMEOUT, -1,
+    {"SpectrumRegisterWaitsItsLimit", CM2, 0xC6, 1024, {}, TIMEOUT, -1,
      "purge 3, write 32, timeouts 1010 5000, read 28:0", 1010},
-};
-
-// A reply is complete once the line has been quiet for the quiet time after
-// its last byte, noticed within one 50 ms read and a 5 ms pause.
-const Case kNirCases[] = {
-    {"QuietTimeRunsFromTheLastByte", 32, 500,
+    // NIR: a reply is complete once the line has been quiet for the quiet
+    // time after its last byte, noticed within one 50 ms read and a 5 ms pause.
+    {"QuietTimeRunsFromTheLastByte", NIR, 32, 500,
      {Chunk{part(kSix, 0, 3), 0}, Chunk{part(kSix, 3, 6), 400}, Chunk{part(kSix, 6, 9), 400}}, OK, 6, nullptr,
      1355},
-    {"Silence", 32, 300, {}, TIMEOUT, -1,
+    {"Silence", NIR, 32, 300, {}, TIMEOUT, -1,
      "purge 3, write 3, timeouts 50 5000, (read 16384:0, sleep 5) x5, read 16384:0, timeouts 5000 5000", 325},
     // Full at the receive limit: no wait for silence, the rest is not read.
-    {"ReceiveLimitEndsTheReading", 32, 120000,
+    {"ReceiveLimitEndsTheReading", NIR, 32, 120000,
      at_once(concat({nir_reply(Bytes(16381, 0x33)), Bytes(100, 0x44)})),
      OK, 32, "purge 3, write 3, timeouts 50 5000, read 16384:16384, timeouts 5000 5000", 0},
 };
@@ -104,44 +104,32 @@ protected:
         bind_active();
         std::memset(answer, 0xEE, sizeof answer);
     }
-    // first: where the reply's data begins.
-    void check(const Case &c, int32_t result, double ms, size_t first) {
-        EXPECT_EQ(result, c.result);
-        EXPECT_EQ(length, c.length);
-        EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
-        EXPECT_EQ(answer[std::clamp(c.length, 0, 63)], c.length < 64 ? 0xEE : c.reply[0].bytes[first + 63]);
-        if (c.trace) {
-            EXPECT_EQ(bridge.trace(), c.trace);
-        }
-        EXPECT_EQ(ms, c.ms);
-    }
 };
 
-class Cm2Exchange : public Exchange, public ::testing::WithParamInterface<Case> {};
-class NirExchange : public Exchange, public ::testing::WithParamInterface<Case> {};
+class Exchanges : public Exchange, public ::testing::WithParamInterface<Case> {};
 
-TEST_P(Cm2Exchange, Traffic) {
+TEST_P(Exchanges, Traffic) {
     const Case &c = GetParam();
-    open(false);
-    bridge.expect(device, cm2_query_bytes(static_cast<uint8_t>(c.a), 0x41, static_cast<uint16_t>(c.b)),
+    open(c.nir);
+    const auto reg = static_cast<uint8_t>(c.a);
+    bridge.expect(device, c.nir ? nir_frame({'V'}) : cm2_query_bytes(reg, 0x41, static_cast<uint16_t>(c.b)),
                   c.reply);
     const double start = bridge.now();
-    const int32_t result = cm2_query(static_cast<uint8_t>(c.a), 0x41, c.b, answer, sizeof answer, &length);
-    check(c, result, bridge.now() - start, 28);
+    EXPECT_EQ(c.nir ? nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b)
+                    : cm2_query(reg, 0x41, c.b, answer, sizeof answer, &length),
+              c.result);
+    EXPECT_EQ(bridge.now() - start, c.ms);
+    EXPECT_EQ(length, c.length);
+    const size_t first = c.nir ? 1 : 28;  // where the reply's data begins
+    EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
+    EXPECT_EQ(answer[std::clamp(c.length, 0, 63)], c.length < 64 ? 0xEE : c.reply[0].bytes[first + 63]);
+    if (c.trace) {
+        EXPECT_EQ(bridge.trace(), c.trace);
+    }
 }
 
-TEST_P(NirExchange, Traffic) {
-    const Case &c = GetParam();
-    open(true);
-    bridge.expect(device, nir_frame({'V'}), c.reply);
-    const double start = bridge.now();
-    const int32_t result = nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b);
-    check(c, result, bridge.now() - start, 1);
-}
-
-auto name = [](const auto &info) { return std::string(info.param.name); };
-INSTANTIATE_TEST_SUITE_P(Cases, Cm2Exchange, ::testing::ValuesIn(kCm2Cases), name);
-INSTANTIATE_TEST_SUITE_P(Cases, NirExchange, ::testing::ValuesIn(kNirCases), name);
+INSTANTIATE_TEST_SUITE_P(Cases, Exchanges, ::testing::ValuesIn(kCases),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 // Being set is enough, even to nothing (where the platform keeps an empty
 // variable); the line is printed before the reply is judged.
@@ -190,7 +178,7 @@ TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 4, std::nullopt});
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
-    bridge.clear_calls();
+    bridge.calls.clear();
     bridge.instrument(device).fail_read_after = 0;
     bridge.reply_any(device, at_once(nir_reply({})));
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);

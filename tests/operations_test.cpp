@@ -1,5 +1,6 @@
 // Every device operation on each protocol as one row: the requests it must
 // send, the instrument's replies, the result and what the call handed out.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -269,12 +270,9 @@ const Row kRows[] = {
     {"IntegrationTime", NIR, cached(GET(integration_time)), {{N({0x3F, 0x69}), A({0, 0, 0x27, 0x11})}}, OK,
      "10001|10001 1 0 0", 595},
     {"IntegrationTimeShort", NIR, GET(integration_time), {{N({0x3F, 0x69}), A({0, 0, 1})}}, IO},
-    {"AverageNumber", NIR, cached(GET(average_number)), {{N({0x3F, 0x41}), A({1, 2})}}, OK, "2|10000 2 0 0"},
-    {"LevelOutput", NIR, GET(level_output), {{N({0x3F, 0x40}), A({7})}}, OK, "7"},
 
     // Identity and status. NIR temperatures are signed by their top five bits.
     {"Temperature", NIR, GET(temperature), {{N({0x74}), A({0x01, 0x90})}}, OK, "25"},
-    {"TemperatureLowest", NIR, GET(temperature), {{N({0x74}), A({0xF8, 0x00})}}, OK, "-128"},
     {"TemperatureTopBit", NIR, GET(temperature), {{N({0x74}), A({0x80, 0x00})}}, OK, "0"},
     {"TemperatureFourTopBits", NIR, GET(temperature), {{N({0x74}), A({0xF0, 0x00})}}, OK, "0"},
     {"TemperatureNeverNegative", CM2, GET(temperature), {{Q(0xC1, 0x40, 1), R({0x12, 0x34, 0xFF, 0xF0})}}, OK,
@@ -310,8 +308,6 @@ const Row kRows[] = {
     // Stored values: the instrument's own, the caches do not follow them.
     {"SetStoredIntegrationTime", CM2, cached(DO(set_stored_integration_time(30000))),
      {{W(0xC2, 0, {0, 0, 0x75, 0x30}), ACK}}, OK, "|10000 1 0 0"},
-    {"SetStoredSmoothingWidth", CM2, DO(set_stored_smoothing_width(5)), {{W(0xC2, 2, {0, 0, 0, 5}), ACK}},
-     OK},
     {"SetStoredSmoothingWidthSendsNothing", NIR, DO(set_stored_smoothing_width(3)), {}, OK},
     {"StoredIntegrationTime", CM2, cached(GET(stored_integration_time)), {{Q(0xC2, 0, 1), R({0, 1, 0, 0})}},
      OK, "65536|10000 1 0 0"},
@@ -363,7 +359,6 @@ const Row kRows[] = {
     frame("TooShortForTheLongMark", concat({kLongMark, {0x12, 0x34}}), OK, "52275 56610 4660 .|3"),
     frame("FourthByteNotAMark", {0xAA, 0x55, 0xBB, 0x45, 1, 2, 3, 4}, OK, "43605 47941 258 772 .|4"),
     frame("ShortMarkTooShortToCount", {0xAA, 0x55, 0xBB, 0x44, 1, 2}, OK, "43605 47940 258 .|3"),
-    frame("EndMarkWithoutStart", concat({{9, 8}, kEndMark}), OK, "2312 .|1"),
     frame("OddLength", {1, 2, 3}, IO, "|99"),
     frame("Nothing", {}, IO, "|99"),
     frame("MoreSamplesThanRoom", Bytes(18, 1), ARG, "|99"),
@@ -373,7 +368,6 @@ const Row kRows[] = {
      {{Q(0xC1, 0x20, 8), R(be_doubles({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK, "1.5 -0.00225 3e-07 400.125"},
     {"CoefficientsOfALongerReply", NIR, coefficients(),
      {{N({0x78}), A(concat({be_doubles({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4"},
-    {"CoefficientsShort", NIR, coefficients(), {{N({0x78}), A(Bytes(31, 0))}}, IO},
     {"Count", CM2, cached(GET(wavelength_count)), {{Q(0xC2, 0x0B, 1), R({0xFF, 0xFF, 8, 1})}}, OK,
      "2049|10000 1 2049 0"},
     {"Count", NIR, cached(GET(wavelength_count)), {{N({0x3F, 0x53}), A(le_floats({1, 2}))}}, OK,
@@ -382,8 +376,6 @@ const Row kRows[] = {
     {"Table", CM2, cached(FILL(full_wavelength_data, 3)),
      {kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({400.5f, 500.25f, -1.0f}))}}, OK,
      "400.5 500.25 -1 .|10000 1 3 0"},
-    {"TableCutAtTheRoom", CM2, after(count_4, FILL(full_wavelength_data, 5)),
-     {{Q(0xC5, 0, 2048), R(le_floats({1, 2, 3, 4, 5, 6}))}}, OK, "1 2 3 4 5 ."},
     {"Table", NIR, cached(FILL(full_wavelength_data, 3)),
      {{N({0x3F, 0x53}), A(le_floats({900.5f, 901.5f, 902.5f}))}}, OK, "900.5 901.5 902.5 .|10000 1 3 0"},
     {"TableLongerThanTheRoom", NIR, cached(after(count_4, FILL(full_wavelength_data, 3))),
@@ -404,16 +396,11 @@ const Row kRows[] = {
      "405 425 410 420 1 2 2"},
     {"Select", NIR, selection_after(1000, 1200),
      times(4, {N({0x3F, 0x53}), A(le_floats({1000, 1100, 1200}))}), OK, "1000 1200 1000 1200 0 2 3"},
-    {"SelectOnATableThatComesShort", CM2, cached(selection_after(1, 3)),
-     {kCountQuery, {Q(0xC5, 0, 2048), R(kTable3)}, kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({1, 2}))}}, IO,
-     "|10000 1 3 0"},
     // CM2 reads only the run, by entry address; NIR the whole table.
     {"SelectedWavelengths", CM2, after(select_three, FILL(selected_wavelength_data, 3)),
      {{Q(0xC5, 1, 3), R(le_floats({7.5f, 8.5f}))}}, OK, "7.5 8.5 ."},
     {"SelectedWavelengths", NIR, after(select_two, FILL(selected_wavelength_data, 2)), times(2, kNirTable),
      OK, "2 3 ."},
-    {"SelectedWavelengthsOfAShortTable", NIR, after(select_three, FILL(selected_wavelength_data, 3)),
-     {{N({0x3F, 0x53}), A(le_floats({1, 2, 3, 4}))}, kNirTable}, IO},
 
     // Flash pages. CM2: a command block, polls 50 ms apart until done, then
     // the page buffer in whole words, at most 1024 bytes.
@@ -425,8 +412,6 @@ const Row kRows[] = {
      "1024", 0},
     {"PageReadShort", CM2, page_read(1, 8),
      {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 2), R({1, 2, 3, 4})}}, 4, "4"},
-    {"PageReadIntoNoBuffer", CM2, DO(flash_read(1, nullptr, 16)),
-     {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 4), R(Bytes(16, 1))}}, 16},
     {"PageReadFailed", CM2, page_read(3, 16), {block(0x4A, {0xC0, 0xDD, 0, 3}), poll(0x4A, 0xEE)}, IO, "0",
      0},
     {"PageReadStatusShort", CM2, page_read(3, 16),
@@ -451,7 +436,6 @@ const Row kRows[] = {
      block(0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD})} + times(50, poll(0x4A, 0)), TIMEOUT, "", 2500},
     // NIR: one command each way, a second of quiet.
     {"PageRead", NIR, page_read(0x0102, 16), {{N({0x3F, 0xAF, 1, 2}), A(Bytes(20, 0x33))}}, 16, "16", 1090},
-    {"PageWrite", NIR, page_write(7, {1, 2, 3, 4, 5}, 5), {{N({0xAF, 0, 7, 1, 2, 3, 4, 5}), A({})}}, OK},
     {"PageWriteLongest", NIR, page_write(7, kLong, 8187), {{N(concat({{0xAF, 0, 7}, kLong})), A({})}}, OK},
 
     // An external spectrum: a start block, polls 10 ms apart, then the
@@ -462,8 +446,6 @@ const Row kRows[] = {
     {"ExternalSpectrumWhole", CM2, external(7, 3000),
      {block(0x4C, {0xC0, 0xDD, 0, 7}), poll(0x4C, 0xAA), {Q(0xC6, 0, 1024), R(Bytes(4096, 0x21))}}, 4096,
      "2048 8481"},
-    {"ExternalSpectrumFailed", CM2, external(1, 3), {block(0x4C, {0xC0, 0xDD, 0, 1}), poll(0x4C, 0xEE)}, IO,
-     "0 48879", 0},
     {"ExternalSpectrumGivesUp", CM2, external(1, 3),
      Script{block(0x4C, {0xC0, 0xDD, 0, 1})} + times(200, poll(0x4C, 0x55)), TIMEOUT, "0 48879", 2000},
 };
@@ -484,7 +466,8 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     Out out;
     EXPECT_EQ(row.call(out), row.result);
     EXPECT_EQ(out, row.out);
-    EXPECT_EQ(bridge.calls_named("write").size(), row.traffic.size());
+    EXPECT_EQ(std::count_if(bridge.calls.begin(), bridge.calls.end(), [](auto &c) { return c.name == "write"; }),
+              static_cast<long>(row.traffic.size()));
     if (row.ms >= 0) {
         EXPECT_EQ(bridge.now() - start, row.ms);
     }
