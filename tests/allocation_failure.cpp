@@ -43,29 +43,16 @@ void release(void *memory) {
 
 }  // namespace
 
+// The array and nothrow forms of the standard library come here through
+// these.
 void *operator new(size_t bytes) {
     if (void *memory = allocate(bytes)) return memory;
     throw std::bad_alloc();
 }
-void *operator new[](size_t bytes) {
-    return operator new(bytes);
-}
-void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
-    return allocate(bytes);
-}
-void *operator new[](size_t bytes, const std::nothrow_t &) noexcept {
-    return allocate(bytes);
-}
 void operator delete(void *memory) noexcept {
     release(memory);
 }
-void operator delete[](void *memory) noexcept {
-    release(memory);
-}
 void operator delete(void *memory, size_t) noexcept {
-    release(memory);
-}
-void operator delete[](void *memory, size_t) noexcept {
     release(memory);
 }
 
