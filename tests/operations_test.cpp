@@ -180,14 +180,9 @@ Call external(uint16_t control, int32_t count) {
     };
 }
 
-Call coefficients() {
-    return [](Out &out) {
-        double k[4] = {-7, -7, -7, -7};
-        const int32_t rc = kavrel_direct_get_calibration_coefficients(k);
-        out = k[0] == -7 ? "" : str(k[0], k[1], k[2], k[3]);
-        return rc;
-    };
-}
+// Four values, with no room named.
+const Call kCoefficients =
+    fill<double>([](double *k, int32_t) { return kavrel_direct_get_calibration_coefficients(k); });
 
 Call device_info() {
     return [](Out &out) {
@@ -349,10 +344,11 @@ const Row kRows[] = {
     frame("MoreSamplesThanRoom", Bytes(18, 1), ARG, "|99"),
 
     // Wavelength calibration.
-    {"Coefficients", CM2, coefficients(),
-     {{Q(0xC1, 0x20, 8), R(be_doubles({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK, "1.5 -0.00225 3e-07 400.125"},
-    {"CoefficientsOfALongerReply", NIR, coefficients(),
-     {{N({0x78}), A(concat({be_doubles({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4"},
+    {"Coefficients", CM2, kCoefficients,
+     {{Q(0xC1, 0x20, 8), R(be_doubles({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK,
+     "1.5 -0.00225 3e-07 400.125 ."},
+    {"CoefficientsOfALongerReply", NIR, kCoefficients,
+     {{N({0x78}), A(concat({be_doubles({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4 ."},
     {"CountOfNoWholeEntry", NIR, GET(wavelength_count), {{N({0x3F, 0x53}), A(Bytes(10, 1))}}, IO},
     {"Table", CM2, cached(FILL(full_wavelength_data, 3)),
      {kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({400.5f, 500.25f, -1.0f}))}}, OK,
@@ -435,8 +431,9 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     Out out;
     EXPECT_EQ(row.call(out), row.result);
     EXPECT_EQ(out, row.out);
-    EXPECT_EQ(std::count_if(bridge.calls.begin(), bridge.calls.end(), [](auto &c) { return c.name == "write"; }),
-              static_cast<long>(row.traffic.size()));
+    const auto writes = [](const BridgeCall &c) { return c.name == "write"; };
+    EXPECT_EQ(std::count_if(bridge.calls.begin(), bridge.calls.end(), writes),
+              static_cast<std::ptrdiff_t>(row.traffic.size()));
     if (row.ms >= 0) {
         EXPECT_EQ(bridge.now() - start, row.ms);
     }
