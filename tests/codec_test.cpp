@@ -110,6 +110,10 @@ TEST(Cm2Parser, Fields) {
     EXPECT_EQ(parsed(Bytes(23, 0xAA)), zero);
     EXPECT_EQ(parsed(Bytes(16385, 0xAA)), zero);
     EXPECT_EQ(kavrel_direct_parse_response(reply.data(), 36, nullptr), -1);
+    auto p = std::make_unique<cm2_packet>();
+    p->raw_len = 7;
+    EXPECT_EQ(kavrel_direct_parse_response(nullptr, 36, p.get()), -1);
+    EXPECT_EQ(p->raw_len, 0);
 }
 
 template <typename Fn>
@@ -208,6 +212,15 @@ TEST(PacketPrinters, HexDumpAndFramedReport) {
     const std::string report =
         printed([&] { kavrel_direct_print_cmd_info("Write", write.data(), 36, write.data(), 36); });
     EXPECT_EQ(report.substr(report.find("[PARSED]")), std::string("[PARSED]:\n") + kWriteTree + end);
+    // Null pointers are never read; an empty reply is no reply wherever it lies.
+    EXPECT_EQ(printed([] { kavrel_direct_dump_hex(nullptr, 5); }) +
+                  printed([] { kavrel_direct_print_parsed(nullptr); }),
+              "\n");
+    EXPECT_EQ(printed([] { kavrel_direct_print_cmd_info(nullptr, nullptr, 5, nullptr, 3); }),
+              "\n==========  ==========\n[SEND] (5 bytes):\n       \n[RECV]: No data\n" + end);
+    EXPECT_NE(printed([&] { kavrel_direct_print_cmd_info("t", sixteen.data(), 1, sixteen.data(), 0); })
+                  .find("[RECV]: No data"),
+              std::string::npos);
 }
 
 }  // namespace
