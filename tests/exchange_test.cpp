@@ -160,6 +160,19 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
 #endif
 }
 
+// A write the bridge takes only part of, and a bridge failing while the data
+// is read after the head: -4, and nothing reaches the caller.
+TEST_F(Exchange, Cm2BridgeFailures) {
+    open(false);
+    bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 31});
+    EXPECT_EQ(cm2_query(0xC1, 0x41, 2, answer, sizeof answer, &length), IO);
+    bridge.instrument(device).fail_read_after = 1;
+    bridge.reply_any(device, at_once(kEight));
+    EXPECT_EQ(cm2_query(0xC1, 0x41, 2, answer, sizeof answer, &length), IO);
+    EXPECT_EQ(length, -1);
+    EXPECT_EQ(answer[0], 0xEE);
+}
+
 TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
     open(true);
     const Bytes big(8191, 0x11);
