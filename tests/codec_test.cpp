@@ -152,6 +152,9 @@ const char kWriteTree[] =
 TEST(PacketPrinters, TreeOfAWritePacketAndItsFields) {
     const Bytes write = cm2_write_bytes(0xC1, 0x000012, {0x00, 0x00, 0x00, 0xEA});
     EXPECT_EQ(tree(write), kWriteTree);
+    const std::string addresses = tree(with(with(write, 9, 0x12), 11, 0x34));
+    EXPECT_EQ(line_of(addresses, "TA:") + "|" + line_of(addresses, "SA:"),
+              "TA:   12 01                  (Target: 01h)|SA:   34 02                  (Source: 02h)");
     EXPECT_EQ(printed([] {
                   cm2_packet none{};
                   kavrel_direct_print_parsed(&none);

@@ -1,9 +1,12 @@
 // The two exchanges under every operation: the bridge calls each makes, in
 // order, with their limits, the reading of the reply and the results.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "platform/timing_engine.h"
 #include "support/device_fixture.h"
@@ -43,6 +46,28 @@ TEST(VirtualClock, SwitchingToRealTimeAndBackNeverGoesBackwards) {
     clock.sleep_ms(1);  // shorter than any pause the library makes
     clock.sleep_ms(0.5);
     EXPECT_DOUBLE_EQ(clock.now_ms() - after, 1.5);
+}
+
+// In real time a read waits on the host's clock until its bytes arrive or
+// an interrupt (the simulator's, when it sends) ends the wait early.
+TEST(RealTime, AnInterruptEndsAReadThatWouldWaitAnHour) {
+    platform::Clock clock(platform::Clock::Mode::real);
+    platform::Inbox inbox(clock);
+    inbox.deliver({1}, clock.now_ms() + 3600e3);
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        uint8_t byte = 0;
+        EXPECT_EQ(inbox.read(&byte, 1, 3600e3), 0u);
+        done = true;
+    });
+    // Until the reader has begun waiting an interrupt may come too early
+    // for it; the test only fails (by hanging) if the wake-up is lost.
+    while (!done) {
+        inbox.interrupt();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    reader.join();
+    EXPECT_EQ(inbox.in_flight(), 1u);
 }
 
 struct Case {
