@@ -185,10 +185,16 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
 #endif
 }
 
-// A write the bridge takes only part of, and a bridge failing while the data
-// is read after the head: -4, and nothing reaches the caller.
-TEST_F(Exchange, Cm2BridgeFailures) {
+// Writes refused before anything is sent; a write the bridge takes only part
+// of, and a bridge failing while the data is read after the head: -4, and
+// nothing reaches the caller.
+TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
     open(false);
+    // A write carries at most 2016 bytes, and the bytes it names.
+    const Bytes data(2017, 1);
+    EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(cm2_write(0xC7, 0, nullptr, 1), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(bridge.trace(), "");
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 31});
     EXPECT_EQ(cm2_query(0xC1, 0x41, 2, answer, sizeof answer, &length), IO);
     bridge.instrument(device).fail_read_after = 1;

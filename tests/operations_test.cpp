@@ -259,6 +259,7 @@ const Row kRows[] = {
     {"IntegrationTime", NIR, cached(GET(integration_time)), {{N({0x3F, 0x69}), A({0, 0, 0x27, 0x11})}}, OK,
      "10001|10001 1 0 0", 595},
     {"IntegrationTimeShort", NIR, GET(integration_time), {{N({0x3F, 0x69}), A({0, 0, 1})}}, IO},
+    {"LevelOutput", NIR, GET(level_output), {{N({0x3F, 0x40}), A({7})}}, OK, "7"},
 
     // Identity and status. NIR temperatures are signed by their top five bits.
     {"TemperatureTopBit", NIR, GET(temperature), {{N({0x74}), A({0x80, 0x00})}}, OK, "0"},
@@ -298,6 +299,7 @@ const Row kRows[] = {
     {"StoredAverageNumber", CM2, GET(stored_average_number), {{Q(0xC2, 1, 1), R({9, 9, 9, 0x21})}}, OK, "33"},
     {"StoredSmoothingWidth", CM2, GET(stored_smoothing_width), {{Q(0xC2, 2, 1), R({9, 9, 9, 0x22})}}, OK,
      "34"},
+    {"SlitWidth", CM2, GET(slit_width), {{Q(0xC2, 3, 1), R({9, 9, 9, 0x23})}}, OK, "35"},
     {"WriteProtectOpen", CM2, GET(flash_write_protect), {{Q(0xC1, 0x12, 1), R({0, 0, 0, 0xEA})}}, OK, "1"},
     {"OpenWriteProtect", NIR, DO(set_flash_write_protect()), {{N({0xA5, 0xEA}), A({})}}, OK, "", 375},
     {"WriteProtectOpen", NIR, GET(flash_write_protect), {{N({0x3F, 0xA5}), A({0xEA})}}, OK, "1"},
