@@ -12,18 +12,6 @@
 namespace kavrel::test {
 namespace {
 
-uint32_t crc_of(const char *text, int32_t length) {
-    return kavrel_direct_crc32(reinterpret_cast<const uint8_t *>(text), length);
-}
-
-TEST(Crc32, CheckValues) {
-    EXPECT_EQ(crc_of("123456789", 9), 0xCBF43926u);
-    EXPECT_EQ(crc_of("abc", 3), 0x352441C2u);
-    EXPECT_EQ(crc_of("A", 0), 0u);
-    EXPECT_EQ(crc_of("A", -5), 0u);
-    EXPECT_EQ(crc_of(nullptr, 4), 0u);
-}
-
 Bytes built_write(uint8_t reg, uint32_t address, const Bytes &data) {
     Bytes out(64);
     const auto n = static_cast<int32_t>(data.size());
@@ -56,6 +44,9 @@ TEST(Cm2Builders, GoldenPackets) {
         EXPECT_EQ(hex(c.library), c.expected);
         EXPECT_EQ(hex(c.encoder), c.expected);
     }
+    // The CRC of nothing, or of a null pointer, is 0.
+    EXPECT_EQ(kavrel_direct_crc32(abc.data(), 0) | kavrel_direct_crc32(abc.data(), -5), 0u);
+    EXPECT_EQ(kavrel_direct_crc32(nullptr, 4), 0u);
 }
 
 // Every field of a parsed record, and the parser's result, as one line.
@@ -119,6 +110,10 @@ TEST(Cm2Parser, Fields) {
     EXPECT_EQ(parsed(Bytes(23, 0xAA)), zero);
     EXPECT_EQ(parsed(Bytes(16385, 0xAA)), zero);
     EXPECT_EQ(kavrel_direct_parse_response(reply.data(), 36, nullptr), -1);
+    auto p = std::make_unique<cm2_packet>();
+    p->raw_len = 7;
+    EXPECT_EQ(kavrel_direct_parse_response(nullptr, 36, p.get()), -1);
+    EXPECT_EQ(p->raw_len, 0);
 }
 
 template <typename Fn>
@@ -157,6 +152,9 @@ const char kWriteTree[] =
 TEST(PacketPrinters, TreeOfAWritePacketAndItsFields) {
     const Bytes write = cm2_write_bytes(0xC1, 0x000012, {0x00, 0x00, 0x00, 0xEA});
     EXPECT_EQ(tree(write), kWriteTree);
+    const std::string addresses = tree(with(with(write, 9, 0x12), 11, 0x34));
+    EXPECT_EQ(line_of(addresses, "TA:") + "|" + line_of(addresses, "SA:"),
+              "TA:   12 01                  (Target: 01h)|SA:   34 02                  (Source: 02h)");
     EXPECT_EQ(printed([] {
                   cm2_packet none{};
                   kavrel_direct_print_parsed(&none);
@@ -217,6 +215,15 @@ TEST(PacketPrinters, HexDumpAndFramedReport) {
     const std::string report =
         printed([&] { kavrel_direct_print_cmd_info("Write", write.data(), 36, write.data(), 36); });
     EXPECT_EQ(report.substr(report.find("[PARSED]")), std::string("[PARSED]:\n") + kWriteTree + end);
+    // Null pointers are never read; an empty reply is no reply wherever it lies.
+    EXPECT_EQ(printed([] { kavrel_direct_dump_hex(nullptr, 5); }) +
+                  printed([] { kavrel_direct_print_parsed(nullptr); }),
+              "\n");
+    EXPECT_EQ(printed([] { kavrel_direct_print_cmd_info(nullptr, nullptr, 5, nullptr, 3); }),
+              "\n==========  ==========\n[SEND] (5 bytes):\n       \n[RECV]: No data\n" + end);
+    EXPECT_NE(printed([&] { kavrel_direct_print_cmd_info("t", sixteen.data(), 1, sixteen.data(), 0); })
+                  .find("[RECV]: No data"),
+              std::string::npos);
 }
 
 }  // namespace

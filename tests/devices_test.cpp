@@ -1,11 +1,17 @@
 // Listing and opening bridges, the table of open devices, the providers and
 // the frame every exported call runs in.
 #include <cstring>
+#include <functional>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "support/device_fixture.h"
+#include "transport/cm2_exchange.h"
+#include "transport/nir_exchange.h"
 
 #ifdef KAVREL_TEST_FAKE_D2XX
 #include <dlfcn.h>
@@ -149,24 +155,79 @@ TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
               "purge 3, write 32, timeouts 200 5000, read 28:28, read 20:20, timeouts 5000 5000, close 0");
 }
 
+// Drivers that misbehave inside a call. Thrown: no exception crosses the C
+// boundary. Called back from a read, as a driver's event callback might:
+// each such call is refused at once instead of waiting for the locks its
+// caller holds. Overstating a read: believed, it would send the library past
+// the end of its buffer.
+struct Misbehaving : platform::Forwarder {
+    using Forwarder::Forwarder;
+    std::function<void()> fault = [] {}, in_read = [] {};
+    bool overstate = false;
+    platform::Status create_device_info_list(uint32_t *count) {
+        return fault(), Forwarder::create_device_info_list(count);
+    }
+    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
+        return fault(), Forwarder::write(h, b, n, w);
+    }
+    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
+        in_read();
+        const platform::Status status = Forwarder::read(h, b, n, r);
+        if (overstate && n > 0 && *r == n) *r = n + 7;
+        return status;
+    }
+};
+
+class Misbehaved : public DeviceTest {
+protected:
+    Misbehaving driver{platform::current()};
+    const platform::Platform provider = platform::provider_table("misbehaving", driver);
+    void SetUp() override { DeviceTest::SetUp(), use_provider(&provider); }
+};
+
+TEST_F(Misbehaved, ExceptionsFromTheProviderBecomeResults) {
+    open_cm2();
+    uint32_t time = 0;
+    driver.fault = [] { throw std::bad_alloc(); };
+    EXPECT_EQ(kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(kavrel_direct_scan_devices(), 0u);
+    driver.fault = [] { throw std::runtime_error("driver"); };
+    EXPECT_EQ(kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_ERR_GENERIC);
+}
+
+TEST_F(Misbehaved, CallsBackInAreRefusedAndDoNothing) {
+    bridge.reply_any(open_cm2(), at_once(cm2_reply(0xC1, 0x40, {0, 0, 1, 0x90})));
+    float degrees = 0;
+    std::vector<int64_t> results, refused{KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0};
+    driver.in_read = [&] {
+        results = {kavrel_direct_get_temperature(&degrees), kavrel_direct_open_device(0),
+                   kavrel_direct_scan_devices()};
+        kavrel_direct_close_all_devices();
+    };
+    EXPECT_EQ(kavrel_direct_get_temperature(&degrees), KAVREL_DIRECT_OK);
+    EXPECT_EQ(results, refused);
+    EXPECT_EQ(kavrel_direct_get_open_device_count(), 1);
+}
+
 // The table queries answer at once while another thread waits in an
 // exchange; a close waits for that exchange.
-TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
-    const int d = open_cm2();
-    bridge.reply_any(d, at_once(cm2_reply(0xC6, 0, Bytes(8, 1))));
-    bridge.hold(d);
+TEST_F(Misbehaved, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
+    bridge.reply_any(open_cm2(), at_once(cm2_reply(0xC6, 0, Bytes(8, 1))));
     active().wavelength_count = 4;
+    std::promise<void> reading, go_on;
+    std::once_flag first;
+    driver.in_read = [&] { std::call_once(first, [&] { reading.set_value(), go_on.get_future().wait(); }); };
     int32_t result = 1;
     std::thread reader([&] {
         uint16_t samples[4];
         result = kavrel_direct_get_full_spectrum_data(samples, 4);
     });
-    bridge.wait_for_held_read();
+    reading.get_future().wait();
     EXPECT_EQ(table(), "1 32767 1 0 1");
     EXPECT_EQ(kavrel_direct_select_device(0), KAVREL_DIRECT_OK);
     EXPECT_EQ(kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO), KAVREL_DIRECT_OK);
     std::thread closer([] { kavrel_direct_close_device(); });
-    bridge.release(d);
+    go_on.set_value();
     reader.join();
     closer.join();
     EXPECT_EQ(result, KAVREL_DIRECT_OK);
@@ -174,31 +235,20 @@ TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
               "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
 }
 
-// A provider that throws from inside a call: no exception crosses the C
-// boundary. (One that calls back in: contract_test.)
-struct Throwing : platform::Forwarder {
-    using Forwarder::Forwarder;
-    std::function<void()> fault = [] {};
-    platform::Status create_device_info_list(uint32_t *count) {
-        return fault(), Forwarder::create_device_info_list(count);
-    }
-    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
-        return fault(), Forwarder::write(h, b, n, w);
-    }
-};
-
-TEST_F(Devices, ExceptionsFromTheProviderBecomeResults) {
-    Throwing throwing(platform::current());
-    const platform::Platform provider = platform::provider_table("throwing", throwing);
-    use_provider(&provider);
-    open_cm2();
-    uint32_t time = 0;
-    throwing.fault = [] { throw std::bad_alloc(); };
-    EXPECT_EQ(kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_ERR_INVALID_ARG);
-    EXPECT_EQ(kavrel_direct_scan_devices(), 0u);
-    throwing.fault = [] { throw std::runtime_error("driver"); };
-    EXPECT_EQ(kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_ERR_GENERIC);
-    kavrel_direct_close_all_devices();  // while the provider lives
+TEST_F(Misbehaved, AReadOverstatedIsNotBelieved) {
+    const int device = open_nir();
+    driver.overstate = true;
+    uint8_t reply[5] = {};
+    uint32_t length = sizeof reply;
+    bridge.reply_any(device, at_once({1, 2, 3, 4, 5, 6}));
+    ASSERT_EQ(kavrel_direct_send_recv(reply, 1, reply, &length), KAVREL_DIRECT_OK);
+    EXPECT_EQ(Bytes(reply, reply + length), Bytes({1, 2, 3, 4, 5}));
+    // A reply that fills the whole receive buffer: read to its end and no
+    // further (a sanitizer build sees any byte past it).
+    bind_active();
+    bridge.reply_any(device, at_once(nir_reply(Bytes(kNirReceiveLimit, 0x11))));
+    const uint8_t command = 'V';
+    EXPECT_EQ(nir_send_command(&command, 1, nullptr, nullptr, 0, kNirQueryQuietMs), KAVREL_DIRECT_ERR_CRC);
 }
 
 TEST(NullProvider, ListsNothingAndFailsEveryCall) {

@@ -1,10 +1,14 @@
 // The two exchanges under every operation: the bridge calls each makes, in
 // order, with their limits, the reading of the reply and the results.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
+#include "platform/timing_engine.h"
 #include "support/device_fixture.h"
 #include "support/spectral_model.h"
 #include "transport/cm2_exchange.h"
@@ -22,8 +26,53 @@ TEST(SpectrumTimeLimit, IntegrationRoundedUpTimesAveragesPlusASecondAtMostTwoMin
         EXPECT_EQ(spectrum_time_limit_ms(c[0], static_cast<uint8_t>(c[1])), c[2]) << c[0] << " us, " << c[1];
 }
 
+// The library's virtual clock: continuous across a switch to real time and
+// back, and never pushed by a real-time wait.
+TEST(VirtualClock, SwitchingToRealTimeAndBackNeverGoesBackwards) {
+    platform::Clock clock(platform::Clock::Mode::virtual_time);
+    clock.sleep_ms(250);
+    const double before = clock.now_ms();
+    clock.set_mode(platform::Clock::Mode::real);
+    EXPECT_EQ(clock.mode(), platform::Clock::Mode::real);
+    const double real = clock.now_ms();
+    EXPECT_GE(real, before);
+    clock.advance_to(real + 1e9);
+    clock.set_mode(platform::Clock::Mode::virtual_time);
+    const double after = clock.now_ms();
+    EXPECT_GE(after, real);
+    EXPECT_LT(after, real + 1e9);
+    clock.sleep_ms(-5);  // nothing
+    EXPECT_EQ(clock.now_ms(), after);
+    clock.sleep_ms(1);  // shorter than any pause the library makes
+    clock.sleep_ms(0.5);
+    EXPECT_DOUBLE_EQ(clock.now_ms() - after, 1.5);
+}
+
+// In real time a read waits on the host's clock until its bytes arrive or
+// an interrupt (the simulator's, when it sends) ends the wait early.
+TEST(RealTime, AnInterruptEndsAReadThatWouldWaitAnHour) {
+    platform::Clock clock(platform::Clock::Mode::real);
+    platform::Inbox inbox(clock);
+    inbox.deliver({1}, clock.now_ms() + 3600e3);
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        uint8_t byte = 0;
+        EXPECT_EQ(inbox.read(&byte, 1, 3600e3), 0u);
+        done = true;
+    });
+    // Until the reader has begun waiting an interrupt may come too early
+    // for it; the test only fails (by hanging) if the wake-up is lost.
+    while (!done) {
+        inbox.interrupt();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    reader.join();
+    EXPECT_EQ(inbox.in_flight(), 1u);
+}
+
 struct Case {
     const char *name;
+    bool nir;
     uint32_t a, b;  // CM2: register, words; NIR: capacity, quiet time
     std::vector<Chunk> reply;
     int32_t result;
@@ -37,48 +86,32 @@ Bytes part(const Bytes &bytes, size_t from, size_t to) {
 }
 const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
             kSix = nir_reply({1, 2, 3, 4, 5, 6});
-Bytes coded(uint8_t code) {
-    return cm2_reply(0xC1, 0x41, {1, 2, 3, 4}, code);
-}
 constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, CRC = KAVREL_DIRECT_ERR_CRC,
                   TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT;
 
+constexpr bool CM2 = false, NIR = true;
+
 // clang-format off
-const Case kCm2Cases[] = {
-    {"RoundTrip", 0xC1, 2, at_once(kEight), OK, 8,
+const Case kCases[] = {
+    {"RoundTrip", CM2, 0xC1, 2, at_once(kEight), OK, 8,
      "purge 3, write 32, timeouts 200 5000, read 28:28, read 12:12, timeouts 5000 5000", 0},
-    {"NoDataOnlyTheCrcAfterTheHead", 0xC1, 1, at_once(cm2_reply(0xC1, 0x41, {})), OK, 0,
-     "purge 3, write 32, timeouts 200 5000, read 28:28, read 4:4, timeouts 5000 5000", 0},
-    {"CutAtTheCallersRoom", 0xC1, 25, at_once(cm2_reply(0xC1, 0x41, Bytes(100, 0x61))), OK, 64, nullptr, 0},
-    {"SixteenKilobytesAtMost", 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4088, 0x12))), OK, 64,
-     "purge 3, write 32, timeouts 1010 5000, read 28:28, read 16356:16356, timeouts 5000 5000", 0},
-    {"LongerIsRefusedAfterTheHead", 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4089, 0x12))), IO, -1,
+    // At most 16 KiB of data, after the 28-byte head.
+    {"LongerIsRefused", CM2, 0xC6, 1024, at_once(cm2_reply(0xC6, 0, Bytes(4 * 4089, 0x12))), IO, -1,
      "purge 3, write 32, timeouts 1010 5000, read 28:28", 0},
     // The short limit stays in force after a read that failed.
-    {"TruncatedTimesOutWhenAReadComesBackEmpty", 0xC1, 2, at_once(part(kEight, 0, 10)), TIMEOUT, -1,
+    {"TruncatedTimesOutWhenAReadComesBackEmpty", CM2, 0xC1, 2, at_once(part(kEight, 0, 10)), TIMEOUT, -1,
      "purge 3, write 32, timeouts 200 5000, read 28:10, read 18:0", 400},
-    {"SpectrumRegisterWaitsItsLimit", 0xC6, 1024, {}, TIMEOUT, -1,
+    {"SpectrumRegisterWaitsItsLimit", CM2, 0xC6, 1024, {}, TIMEOUT, -1,
      "purge 3, write 32, timeouts 1010 5000, read 28:0", 1010},
-    {"OtherRegistersWaitTheShortLimit", 0xC5, 1024, {}, TIMEOUT, -1,
-     "purge 3, write 32, timeouts 200 5000, read 28:0", 200},
-    // The other reply codes and damaged replies: tests/sim/faults_test.cpp.
-    {"UnknownReplyCode", 0xC1, 1, at_once(coded(0x00)), IO, -1, nullptr, 0},
-};
-
-// A reply is complete once the line has been quiet for the quiet time after
-// its last byte, noticed within one 50 ms read and a 5 ms pause.
-const Case kNirCases[] = {
-    {"AcknowledgeWithoutData", 32, 500, at_once(nir_reply({})), OK, 0,
-     "purge 3, write 3, timeouts 50 5000, read 16384:3, (read 16381:0, sleep 5) x9, read 16381:0, "
-     "timeouts 5000 5000", 595},
-    {"QuietTimeRunsFromTheLastByte", 32, 500,
+    // NIR: a reply is complete once the line has been quiet for the quiet
+    // time after its last byte, noticed within one 50 ms read and a 5 ms pause.
+    {"QuietTimeRunsFromTheLastByte", NIR, 32, 500,
      {Chunk{part(kSix, 0, 3), 0}, Chunk{part(kSix, 3, 6), 400}, Chunk{part(kSix, 6, 9), 400}}, OK, 6, nullptr,
      1355},
-    {"CutAtTheCapacity", 32, 500, at_once(nir_reply(Bytes(40, 0x21))), OK, 32, nullptr, 595},
-    {"Silence", 32, 300, {}, TIMEOUT, -1,
+    {"Silence", NIR, 32, 300, {}, TIMEOUT, -1,
      "purge 3, write 3, timeouts 50 5000, (read 16384:0, sleep 5) x5, read 16384:0, timeouts 5000 5000", 325},
     // Full at the receive limit: no wait for silence, the rest is not read.
-    {"ReceiveLimitEndsTheReading", 32, 120000,
+    {"ReceiveLimitEndsTheReading", NIR, 32, 120000,
      at_once(concat({nir_reply(Bytes(16381, 0x33)), Bytes(100, 0x44)})),
      OK, 32, "purge 3, write 3, timeouts 50 5000, read 16384:16384, timeouts 5000 5000", 0},
 };
@@ -96,65 +129,32 @@ protected:
         bind_active();
         std::memset(answer, 0xEE, sizeof answer);
     }
-    // first: where the reply's data begins.
-    void check(const Case &c, int32_t result, double ms, size_t first) {
-        EXPECT_EQ(result, c.result);
-        EXPECT_EQ(length, c.length);
-        EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
-        EXPECT_EQ(answer[std::clamp(c.length, 0, 63)], c.length < 64 ? 0xEE : c.reply[0].bytes[first + 63]);
-        if (c.trace) {
-            EXPECT_EQ(bridge.trace(), c.trace);
-        }
-        EXPECT_EQ(ms, c.ms);
-    }
 };
 
-class Cm2Exchange : public Exchange, public ::testing::WithParamInterface<Case> {};
-class NirExchange : public Exchange, public ::testing::WithParamInterface<Case> {};
+class Exchanges : public Exchange, public ::testing::WithParamInterface<Case> {};
 
-TEST_P(Cm2Exchange, Traffic) {
+TEST_P(Exchanges, Traffic) {
     const Case &c = GetParam();
-    open(false);
-    bridge.expect(device, cm2_query_bytes(static_cast<uint8_t>(c.a), 0x41, static_cast<uint16_t>(c.b)),
+    open(c.nir);
+    const auto reg = static_cast<uint8_t>(c.a);
+    bridge.expect(device, c.nir ? nir_frame({'V'}) : cm2_query_bytes(reg, 0x41, static_cast<uint16_t>(c.b)),
                   c.reply);
     const double start = bridge.now();
-    const int32_t result = cm2_query(static_cast<uint8_t>(c.a), 0x41, c.b, answer, sizeof answer, &length);
-    check(c, result, bridge.now() - start, 28);
+    EXPECT_EQ(c.nir ? nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b)
+                    : cm2_query(reg, 0x41, c.b, answer, sizeof answer, &length),
+              c.result);
+    EXPECT_EQ(bridge.now() - start, c.ms);
+    EXPECT_EQ(length, c.length);
+    const size_t first = c.nir ? 1 : 28;  // where the reply's data begins
+    EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
+    EXPECT_EQ(answer[std::clamp(c.length, 0, 63)], c.length < 64 ? 0xEE : c.reply[0].bytes[first + 63]);
+    if (c.trace) {
+        EXPECT_EQ(bridge.trace(), c.trace);
+    }
 }
 
-TEST_P(NirExchange, Traffic) {
-    const Case &c = GetParam();
-    open(true);
-    bridge.expect(device, nir_frame({'V'}), c.reply);
-    const double start = bridge.now();
-    const int32_t result = nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b);
-    check(c, result, bridge.now() - start, 1);
-}
-
-auto name = [](const auto &info) { return std::string(info.param.name); };
-INSTANTIATE_TEST_SUITE_P(Cases, Cm2Exchange, ::testing::ValuesIn(kCm2Cases), name);
-INSTANTIATE_TEST_SUITE_P(Cases, NirExchange, ::testing::ValuesIn(kNirCases), name);
-
-TEST_F(Exchange, Cm2LimitFollowsTheCachedIntegrationAndAveragesUpToTwoMinutes) {
-    open(false);
-    active().integration_time = 1200000;
-    active().average_number = 100;
-    bridge.reply_any(device, {});
-    EXPECT_EQ(cm2_query(0xC6, 0, 1024, answer, 64, &length), TIMEOUT);
-    EXPECT_EQ(bridge.trace(), "purge 3, write 32, timeouts 120000 5000, read 28:0");
-}
-
-TEST_F(Exchange, Cm2WritesAtMost2016BytesAndANullAnswerStillCounts) {
-    open(false);
-    const Bytes data(2017, 1);
-    EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
-    EXPECT_EQ(cm2_write(0xC7, 0, nullptr, 1), KAVREL_DIRECT_ERR_INVALID_ARG);
-    EXPECT_EQ(bridge.trace(), "");
-    bridge.expect(device, cm2_write_bytes(0xC7, 0, Bytes(2016, 1)),
-                  at_once(cm2_reply(0xC7, 0, Bytes(12, 1))));
-    EXPECT_EQ(send_and_recv(0xC7, 0, data.data(), 2016, nullptr, &length, 0, 0), OK);
-    EXPECT_EQ(length, 12);
-}
+INSTANTIATE_TEST_SUITE_P(Cases, Exchanges, ::testing::ValuesIn(kCases),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 // Being set is enough, even to nothing (where the platform keeps an empty
 // variable); the line is printed before the reply is judged.
@@ -185,10 +185,23 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
 #endif
 }
 
-TEST(NirCrc16, CheckValueAndFrames) {
-    EXPECT_EQ(nir_crc16(reinterpret_cast<const uint8_t *>("123456789"), 9), 0x4B37);
-    EXPECT_EQ(hex(nir_frame({'V'})), "56 7E 3F");
-    EXPECT_EQ(hex(nir_reply({})), "06 42 3F");
+// Writes refused before anything is sent; a write the bridge takes only part
+// of, and a bridge failing while the data is read after the head: -4, and
+// nothing reaches the caller.
+TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
+    open(false);
+    // A write carries at most 2016 bytes, and the bytes it names.
+    const Bytes data(2017, 1);
+    EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(cm2_write(0xC7, 0, nullptr, 1), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(bridge.trace(), "");
+    bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 31});
+    EXPECT_EQ(cm2_query(0xC1, 0x41, 2, answer, sizeof answer, &length), IO);
+    bridge.instrument(device).fail_read_after = 1;
+    bridge.reply_any(device, at_once(kEight));
+    EXPECT_EQ(cm2_query(0xC1, 0x41, 2, answer, sizeof answer, &length), IO);
+    EXPECT_EQ(length, -1);
+    EXPECT_EQ(answer[0], 0xEE);
 }
 
 TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
@@ -209,7 +222,7 @@ TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 4, std::nullopt});
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
-    bridge.clear_calls();
+    bridge.calls.clear();
     bridge.instrument(device).fail_read_after = 0;
     bridge.reply_any(device, at_once(nir_reply({})));
     EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), IO);
@@ -233,6 +246,10 @@ TEST_F(Exchange, RawPassThroughCollectsUntilTheLineStaysSilent) {
     EXPECT_EQ(kavrel_direct_send_recv(reply, 1, reply, nullptr), KAVREL_DIRECT_ERR_INVALID_ARG);
     kavrel_direct_close_all_devices();
     EXPECT_EQ(kavrel_direct_send_recv(reply, 1, reply, &size), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(size, 5u);
+    open(false);
+    bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 0});  // nothing taken
+    EXPECT_EQ(kavrel_direct_send_recv(&command, 1, reply, &size), KAVREL_DIRECT_ERR_IO);
     EXPECT_EQ(size, 5u);
 }
 

@@ -1,5 +1,6 @@
 // Every device operation on each protocol as one row: the requests it must
 // send, the instrument's replies, the result and what the call handed out.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -35,21 +36,15 @@ constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 // Requests and replies: CM2 query, write, reply, acknowledge and command
 // block status; NIR command and acknowledged reply.
-Bytes Q(uint8_t reg, uint32_t address, uint16_t words) {
-    return cm2_query_bytes(reg, address, words);
-}
-Bytes W(uint8_t reg, uint32_t address, const Bytes &data) {
-    return cm2_write_bytes(reg, address, data);
-}
+const auto Q = cm2_query_bytes;
+const auto N = nir_frame;
+const auto W = cm2_write_bytes;
 Bytes R(const Bytes &data, uint8_t code = 0xAC) {
     return cm2_reply(0xC1, 0, data, code);
 }
 const Bytes ACK = R({});
 Bytes status(uint8_t state) {
     return R({0xC0, state, 0, 0, 0, 0, 0, 0});
-}
-Bytes N(const Bytes &command) {
-    return nir_frame(command);
 }
 Bytes A(const Bytes &data) {
     return nir_reply(data);
@@ -185,14 +180,9 @@ Call external(uint16_t control, int32_t count) {
     };
 }
 
-Call coefficients() {
-    return [](Out &out) {
-        double k[4] = {-7, -7, -7, -7};
-        const int32_t rc = kavrel_direct_get_calibration_coefficients(k);
-        out = k[0] == -7 ? "" : str(k[0], k[1], k[2], k[3]);
-        return rc;
-    };
-}
+// Four values, with no room named.
+const Call kCoefficients =
+    fill<double>([](double *k, int32_t) { return kavrel_direct_get_calibration_coefficients(k); });
 
 Call device_info() {
     return [](Out &out) {
@@ -246,85 +236,53 @@ const Row kRows[] = {
     // Acquisition settings: a one-byte setting sits in byte 3 of its word.
     {"SetIntegrationTime", CM2, cached(DO(set_integration_time(0x12345))),
      {{W(0xC1, 0, {0, 1, 0x23, 0x45}), ACK}}, OK, "|74565 1 0 0"},
-    {"SetIntegrationTimeRefused", CM2, cached(DO(set_integration_time(5000))),
-     {{W(0xC1, 0, {0, 0, 0x13, 0x88}), R({}, 0xE0)}}, TIMEOUT, "|10000 1 0 0"},
     {"SetAverageNumber", CM2, cached(DO(set_average_number(7))), {{W(0xC1, 0x10, {0, 0, 0, 7}), ACK}}, OK,
      "|10000 7 0 0"},
-    // 0 goes to the instrument as 0 but counts as 1 for the time limit.
-    {"SetAverageNumberZero", CM2, cached(DO(set_average_number(0))), {{W(0xC1, 0x10, {0, 0, 0, 0}), ACK}}, OK,
-     "|10000 1 0 0"},
-    {"SetLevelOutput", CM2, DO(set_level_output(3)), {{W(0xC1, 0x11, {0, 0, 0, 3}), ACK}}, OK},
     {"SetXenonPulse", CM2, DO(set_xenon_pulse(1, 2)), {{W(0xC1, 0x01, {0, 0, 0, 1, 0, 0, 0, 2}), ACK}}, OK},
-    {"SetXenonMode", CM2, DO(set_xenon_mode(9)), {{W(0xC1, 0x03, {0, 0, 0, 9}), ACK}}, OK},
-    {"SetTrigger", CM2, DO(set_external_trigger_config(4, 5, 6)), {{W(0xC1, 0x51, {4, 5, 0, 6}), ACK}}, OK},
     {"SetDacInTheTopTwelveBits", CM2, DO(set_dac_voltage(0x1234)), {{W(0xC1, 0x64, {0x23, 0x40, 0, 0}), ACK}},
      OK},
-    {"IntegrationTime", CM2, cached(GET(integration_time)), {{Q(0xC1, 0, 1), R({0, 0x0F, 0x42, 0x40})}}, OK,
-     "1000000|1000000 1 0 0"},
-    {"IntegrationTimeShort", CM2, cached(GET(integration_time)), {{Q(0xC1, 0, 1), ACK}}, IO, "|10000 1 0 0"},
-    {"AverageNumber", CM2, GET(average_number), {{Q(0xC1, 0x10, 1), R({9, 9, 9, 12})}}, OK, "12"},
     {"AverageNumberZero", CM2, cached(GET(average_number)), {{Q(0xC1, 0x10, 1), R({9, 9, 9, 0})}}, OK,
      "0|10000 1 0 0"},
     {"LevelOutput", CM2, GET(level_output), {{Q(0xC1, 0x11, 1), R({9, 9, 9, 2})}}, OK, "2"},
-    {"XenonPulse", CM2, GET(xenon_pulse), {{Q(0xC1, 1, 2), R({0, 0, 1, 0, 0, 0, 0, 5})}}, OK, "256 5"},
     {"XenonPulseShort", CM2, GET(xenon_pulse), {{Q(0xC1, 1, 2), R({0, 0, 0, 9})}}, IO},
     {"XenonMode", CM2, GET(xenon_mode), {{Q(0xC1, 0x03, 1), R({1, 1, 1, 4})}}, OK, "4"},
     {"Trigger", CM2, GET(external_trigger_config), {{Q(0xC1, 0x51, 1), R({7, 8, 0xFF, 9})}}, OK, "7 8 9"},
-    {"Dac", CM2, GET(dac_voltage), {{Q(0xC1, 0x64, 1), R({0x23, 0x40, 0x0F, 0xFF})}}, OK, "564"},
     {"CaptureStatus", CM2, GET(spectrum_capture_status), {{Q(0xC1, 0x52, 2), R({1, 2, 3, 4, 5, 6, 7, 8})}},
      OK, "72623859790382856"},
     // NIR sets wait 300 ms of quiet, queries 500.
     {"SetIntegrationTime", NIR, cached(DO(set_integration_time(100000))),
      {{N({0x69, 0, 1, 0x86, 0xA0}), A({})}}, OK, "|100000 1 0 0", 375},
+    // 0 goes to the instrument as 0 but counts as 1 for the time limit.
     {"SetAverageNumberZero", NIR, cached(DO(set_average_number(0))), {{N({0x41, 0, 0}), A({})}}, OK,
      "|10000 1 0 0"},
     {"SetLevelOutput", NIR, DO(set_level_output(5)), {{N({0x40, 5}), A({})}}, OK},
     {"IntegrationTime", NIR, cached(GET(integration_time)), {{N({0x3F, 0x69}), A({0, 0, 0x27, 0x11})}}, OK,
      "10001|10001 1 0 0", 595},
     {"IntegrationTimeShort", NIR, GET(integration_time), {{N({0x3F, 0x69}), A({0, 0, 1})}}, IO},
-    {"AverageNumber", NIR, cached(GET(average_number)), {{N({0x3F, 0x41}), A({1, 2})}}, OK, "2|10000 2 0 0"},
     {"LevelOutput", NIR, GET(level_output), {{N({0x3F, 0x40}), A({7})}}, OK, "7"},
 
     // Identity and status. NIR temperatures are signed by their top five bits.
-    {"Temperature", NIR, GET(temperature), {{N({0x74}), A({0x01, 0x90})}}, OK, "25"},
-    {"TemperatureNegative", NIR, GET(temperature), {{N({0x74}), A({0xFF, 0xF0})}}, OK, "-1"},
-    {"TemperatureLowest", NIR, GET(temperature), {{N({0x74}), A({0xF8, 0x00})}}, OK, "-128"},
     {"TemperatureTopBit", NIR, GET(temperature), {{N({0x74}), A({0x80, 0x00})}}, OK, "0"},
     {"TemperatureFourTopBits", NIR, GET(temperature), {{N({0x74}), A({0xF0, 0x00})}}, OK, "0"},
-    {"TemperatureShort", NIR, GET(temperature), {{N({0x74}), A({0x01})}}, IO},
     {"TemperatureNeverNegative", CM2, GET(temperature), {{Q(0xC1, 0x40, 1), R({0x12, 0x34, 0xFF, 0xF0})}}, OK,
      "4095"},
-    {"HardwareVersion", CM2, TEXT(hardware_version, 32),
-     {{Q(0xC1, 0x41, 2), R({1, 2, 0x0A, 0xFF, 9, 9, 9, 9})}}, OK, "01.02.0A.FF"},
     {"HardwareVersionCut", CM2, TEXT(hardware_version, 8),
      {{Q(0xC1, 0x41, 2), R({1, 2, 0x0A, 0xFF, 9, 9, 9, 9})}}, OK, "01.02.0"},
-    {"HardwareVersion", NIR, TEXT(hardware_version, 32), {{N({0x56}), A({'V', '2', '.', '1'})}}, OK, "V2.1"},
     {"HardwareVersionCut", NIR, TEXT(hardware_version, 3), {{N({0x56}), A({'V', '2', '.', '1'})}}, OK, "V2"},
-    {"HardwareVersionEmpty", NIR, TEXT(hardware_version, 32), {{N({0x56}), A({})}}, OK, ""},
-    {"Model", CM2, TEXT(device_model, 32),
-     {{Q(0xC1, 0x46, 4), R(concat({{'U', 'V', '-', '2'}, Bytes(12, 0)}))}}, OK, "UV-2"},
-    {"ModelShort", CM2, TEXT(device_model, 32), {{Q(0xC1, 0x46, 4), R(Bytes(12, 'x'))}}, IO},
     {"Model", NIR, TEXT(device_model, 32), {{N({0xBB}), A({0x12, 0, 0, 0x1A, 0x2B, 0, 0, 0})}}, OK,
      "NIR-T2-1A2B"},
-    // A model query unanswered, or answered short, still names the family.
+    // A model query unanswered still names the family.
     {"ModelUnanswered", NIR, TEXT(device_model, 32), {{N({0xBB}), {}}}, OK, "NIR"},
-    {"ModelShort", NIR, TEXT(device_model, 32), {{N({0xBB}), A({1, 2, 3})}}, OK, "NIR"},
-    {"DetectorSerial", CM2, TEXT(detector_serial_number, 32),
-     {{Q(0xC1, 0x44, 2), R({'D', 'E', 'T', '1', '2', '3', '4', '5'})}}, OK, "DET12345"},
     {"DetectorSerialInOneByte", CM2, TEXT(detector_serial_number, 1), {{Q(0xC1, 0x44, 2), R(Bytes(8, 'D'))}},
      OK, ""},
     {"SerialNumberCut", CM2, TEXT(serial_number, 5),
      {{Q(0xC2, 4, 3), R({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K', 'L'})}}, OK, "ABCD"},
     {"SerialNumber", NIR, TEXT(serial_number, 32), {}, OK, "NIR"},
-    // Twelve bytes padded with zeros; a full-length serial has no terminator.
-    {"SetSerialNumber", CM2, DO(set_serial_number("ABC")),
-     {{W(0xC2, 4, {'A', 'B', 'C', 0, 0, 0, 0, 0, 0, 0, 0, 0}), ACK}}, OK},
+    // Twelve bytes: a longer serial is cut, with no terminator.
     {"SetSerialNumberLong", CM2, DO(set_serial_number("1234567890ABCDE")),
      {{W(0xC2, 4, {'1', '2', '3', '4', '5', '6', '7', '8', '9', '0', 'A', 'B'}), ACK}}, OK},
-    {"SetUsbBaudRate", CM2, DO(set_usb_baud_rate(0x1234)), {{W(0xC1, 0x43, {0, 0, 0x12, 0x34}), ACK}}, OK},
     {"UsbBaudRate", CM2, GET(usb_baud_rate), {{Q(0xC1, 0x43, 1), R({0xFF, 0xFF, 0, 0x60})}}, OK, "96"},
     {"UsbStatusSet", CM2, GET(usb_status), {{Q(0xC1, 0x50, 1), R({0, 0, 0, 0xAA})}}, OK, "1"},
-    {"UsbStatusClear", CM2, GET(usb_status), {{Q(0xC1, 0x50, 1), R({0, 0, 0, 0xAB})}}, OK, "0"},
     {"DeviceInfo", NIR, device_info(),
      {{N({0xBB}), A({3, 0, 0, 0, 0x42, 0, 0, 0})}, {N({0x56}), A({'1', '.', '7'})}}, OK,
      "2 511 NIR_LEGACY|NIR-T3-0042|NIR|1.7"},
@@ -333,13 +291,8 @@ const Row kRows[] = {
      {{Q(0xC1, 0x46, 4), R(Bytes(16, 'M'))}, {Q(0xC2, 4, 3), R(Bytes(12, 'S'), 0xE2)},
      {Q(0xC1, 0x41, 2), R({1, 0, 0, 2, 0, 0, 0, 0})}}, OK, "1 32767 UVVIS_CM2|MMMMMMMMMMMMMMMM||01.00.00.02"},
 
-    // Stored values: the instrument's own, the caches do not follow them.
-    {"SetStoredIntegrationTime", CM2, cached(DO(set_stored_integration_time(30000))),
-     {{W(0xC2, 0, {0, 0, 0x75, 0x30}), ACK}}, OK, "|10000 1 0 0"},
-    {"SetStoredAverageNumber", CM2, cached(DO(set_stored_average_number(9))),
-     {{W(0xC2, 1, {0, 0, 0, 9}), ACK}}, OK, "|10000 1 0 0"},
-    {"SetStoredSmoothingWidth", CM2, DO(set_stored_smoothing_width(5)), {{W(0xC2, 2, {0, 0, 0, 5}), ACK}},
-     OK},
+    // Stored values. An NIR instrument keeps none: a smoothing width is taken
+    // and nothing sent.
     {"SetStoredSmoothingWidthSendsNothing", NIR, DO(set_stored_smoothing_width(3)), {}, OK},
     {"StoredIntegrationTime", CM2, cached(GET(stored_integration_time)), {{Q(0xC2, 0, 1), R({0, 1, 0, 0})}},
      OK, "65536|10000 1 0 0"},
@@ -347,13 +300,9 @@ const Row kRows[] = {
     {"StoredSmoothingWidth", CM2, GET(stored_smoothing_width), {{Q(0xC2, 2, 1), R({9, 9, 9, 0x22})}}, OK,
      "34"},
     {"SlitWidth", CM2, GET(slit_width), {{Q(0xC2, 3, 1), R({9, 9, 9, 0x23})}}, OK, "35"},
-    {"SlitWidthShort", CM2, GET(slit_width), {{Q(0xC2, 3, 1), ACK}}, IO},
-    {"OpenWriteProtect", CM2, DO(set_flash_write_protect()), kOpenProtection, OK},
     {"WriteProtectOpen", CM2, GET(flash_write_protect), {{Q(0xC1, 0x12, 1), R({0, 0, 0, 0xEA})}}, OK, "1"},
-    {"WriteProtectClosed", CM2, GET(flash_write_protect), {{Q(0xC1, 0x12, 1), R({0, 0, 0, 0xEB})}}, OK, "0"},
     {"OpenWriteProtect", NIR, DO(set_flash_write_protect()), {{N({0xA5, 0xEA}), A({})}}, OK, "", 375},
     {"WriteProtectOpen", NIR, GET(flash_write_protect), {{N({0x3F, 0xA5}), A({0xEA})}}, OK, "1"},
-    {"WriteProtectShort", NIR, GET(flash_write_protect), {{N({0x3F, 0xA5}), A({})}}, IO},
     // A reset forgets the wavelength state, only when it succeeds.
     {"ResetUnanswered", CM2, cached(after(select_two, DO(reset_device()))),
      {{W(0xC1, 0x13, {0, 0, 0, 0xAA}), {}}}, TIMEOUT, "|10000 1 0 1"},
@@ -366,20 +315,13 @@ const Row kRows[] = {
     // Spectra. CM2 asks the point count first when it is not cached.
     {"Spectrum", CM2, cached(FILL(full_spectrum_data, 3)),
      {kCountQuery, {Q(0xC6, 0, 1024), R(be_samples({0x0102, 0xFFFE, 7}))}}, OK, "258 65534 7 .|10000 1 3 0"},
-    {"SpectrumShort", CM2, after(count_4, FILL(full_spectrum_data, 8)),
-     {{Q(0xC6, 0, 1024), R(be_samples({1, 2}))}}, OK, "1 2 ."},
-    {"SpectrumEmpty", CM2, after(count_4, FILL(full_spectrum_data, 8)), {{Q(0xC6, 0, 1024), ACK}}, OK},
     {"SpectrumCutAtTheRoom", CM2, cached(after(count_4, FILL(full_spectrum_data, 5))),
      {{Q(0xC6, 0, 1024), R(be_samples({1, 2, 3, 4, 5, 6}))}}, OK, "1 2 3 4 5 .|10000 1 4 0"},
     // The selected part always asks the count, then the whole spectrum.
     {"SelectedSpectrum", CM2, after(select_two, FILL(selected_spectrum_data, 2)),
      {{Q(0xC2, 0x0B, 1), kCount4}, {Q(0xC6, 0, 1024), R(be_samples({10, 11, 12, 13}))}}, OK, "11 12 ."},
-    {"SelectedSpectrumShort", CM2, after(select_two, FILL(selected_spectrum_data, 2)),
-     {{Q(0xC2, 0x0B, 1), kCount4}, {Q(0xC6, 0, 1024), R(be_samples({10, 11}))}}, IO},
     {"SelectedSpectrumOfTooFewPoints", CM2, after(select_two, FILL(selected_spectrum_data, 2)),
      {{Q(0xC2, 0x0B, 1), R({0, 0, 0, 2})}}, IO},
-    {"SelectedSpectrumOfNoPoints", CM2, after(select_two, FILL(selected_spectrum_data, 2)),
-     {{Q(0xC2, 0x0B, 1), R({0, 0, 0, 0})}}, IO},
     // NIR: the table's length is the count; the frame may carry marks.
     {"SelectedSpectrum", NIR, after(select_two, FILL(selected_spectrum_data, 2)),
      {kNirTable, {N({0x53}), A(concat({kShortMark, be_samples({4, 5, 6}), kEndMark}))}}, OK, "5 6 ."},
@@ -394,46 +336,25 @@ const Row kRows[] = {
      after([](device_slot &s) { s.integration_time = 1200000, s.average_number = 100; },
      FILL(full_spectrum_data, 8)), {{N({0x53}), {}}}, TIMEOUT, "", 120005},
     frame("ShortMarks", concat({kShortMark, {1, 2, 3, 4}, kEndMark}), OK, "258 772 .|2"),
-    frame("ShortMarksOnly", concat({kShortMark, kEndMark}), IO, "|99"),
     frame("SamplesLikeTheLongMark", concat({kShortMark, {0xCC, 0x33, 0xDD, 0x22, 5, 6}, kEndMark}), OK,
      "1286 .|1"),
     frame("LongMarks", concat({kLongMark, {1, 2, 3, 4, 5, 6}, kEndMark}), OK, "258 772 1286 .|3"),
-    frame("LongMarksOnly", concat({kLongMark, kEndMark}), IO, "|99"),
     frame("TooShortForTheLongMark", concat({kLongMark, {0x12, 0x34}}), OK, "52275 56610 4660 .|3"),
     frame("FourthByteNotAMark", {0xAA, 0x55, 0xBB, 0x45, 1, 2, 3, 4}, OK, "43605 47941 258 772 .|4"),
     frame("ShortMarkTooShortToCount", {0xAA, 0x55, 0xBB, 0x44, 1, 2}, OK, "43605 47940 258 .|3"),
-    frame("EndMarkAlone", kEndMark, IO, "|99"),
-    frame("EndMarkWithoutStart", concat({{9, 8}, kEndMark}), OK, "2312 .|1"),
-    frame("TwoBytes", {0xAB, 0xCD}, OK, "43981 .|1"),
     frame("OddLength", {1, 2, 3}, IO, "|99"),
-    frame("OddBetweenTheMarks", concat({kShortMark, {1, 2, 3}, kEndMark}), IO, "|99"),
-    frame("Nothing", {}, IO, "|99"),
     frame("MoreSamplesThanRoom", Bytes(18, 1), ARG, "|99"),
 
     // Wavelength calibration.
-    {"Coefficients", CM2, coefficients(),
-     {{Q(0xC1, 0x20, 8), R(be_doubles({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK, "1.5 -0.00225 3e-07 400.125"},
-    {"CoefficientsShort", CM2, coefficients(), {{Q(0xC1, 0x20, 8), R(Bytes(28, 1))}}, IO},
-    {"CoefficientsOfALongerReply", NIR, coefficients(),
-     {{N({0x78}), A(concat({be_doubles({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4"},
-    {"CoefficientsShort", NIR, coefficients(), {{N({0x78}), A(Bytes(31, 0))}}, IO},
-    {"Count", CM2, cached(GET(wavelength_count)), {{Q(0xC2, 0x0B, 1), R({0xFF, 0xFF, 8, 1})}}, OK,
-     "2049|10000 1 2049 0"},
-    {"CountShort", CM2, cached(after(count_4, GET(wavelength_count))), {{Q(0xC2, 0x0B, 1), ACK}}, IO,
-     "|10000 1 4 0"},
-    {"Count", NIR, cached(GET(wavelength_count)), {{N({0x3F, 0x53}), A(le_floats({1, 2}))}}, OK,
-     "2|10000 1 2 0"},
+    {"Coefficients", CM2, kCoefficients,
+     {{Q(0xC1, 0x20, 8), R(be_doubles({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK,
+     "1.5 -0.00225 3e-07 400.125 ."},
+    {"CoefficientsOfALongerReply", NIR, kCoefficients,
+     {{N({0x78}), A(concat({be_doubles({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4 ."},
     {"CountOfNoWholeEntry", NIR, GET(wavelength_count), {{N({0x3F, 0x53}), A(Bytes(10, 1))}}, IO},
-    {"CountOfNothing", NIR, GET(wavelength_count), {{N({0x3F, 0x53}), A({})}}, IO},
     {"Table", CM2, cached(FILL(full_wavelength_data, 3)),
      {kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({400.5f, 500.25f, -1.0f}))}}, OK,
      "400.5 500.25 -1 .|10000 1 3 0"},
-    {"TableShort", CM2, after(count_4, FILL(full_wavelength_data, 8)),
-     {{Q(0xC5, 0, 2048), R(le_floats({7, 8}))}}, OK, "7 8 ."},
-    {"TableCutAtTheRoom", CM2, after(count_4, FILL(full_wavelength_data, 5)),
-     {{Q(0xC5, 0, 2048), R(le_floats({1, 2, 3, 4, 5, 6}))}}, OK, "1 2 3 4 5 ."},
-    {"Table", NIR, cached(FILL(full_wavelength_data, 3)),
-     {{N({0x3F, 0x53}), A(le_floats({900.5f, 901.5f, 902.5f}))}}, OK, "900.5 901.5 902.5 .|10000 1 3 0"},
     {"TableLongerThanTheRoom", NIR, cached(after(count_4, FILL(full_wavelength_data, 3))),
      {{N({0x3F, 0x53}), A(le_floats({1, 2, 3, 4, 5}))}}, ARG, "|10000 1 4 0"},
     {"TableOfNoWholeEntry", NIR, FILL(full_wavelength_data, 8), {{N({0x3F, 0x53}), A(Bytes(10, 0))}}, IO},
@@ -443,27 +364,17 @@ const Row kRows[] = {
     {"EndsWithNaN", NIR, GET(full_wavelength_range), times(2, {N({0x3F, 0x53}), A(le_floats({kNaN, 5}))}), OK,
      "nan 5"},
     {"EndsOfNoPoints", CM2, GET(full_wavelength_range), {{Q(0xC2, 0x0B, 1), R({0, 0, 0, 0})}}, IO},
-    // The last entry would be memory no answer filled.
-    {"EndsOfAShortTable", CM2, GET(full_wavelength_range),
-     {kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({1, 2}))}}, IO},
     // Setting a range reads the ends, then the count and the table again.
     {"Select", CM2, selection_after(405, 425),
      {{Q(0xC2, 0x0B, 1), kCount4}, kTable4, {Q(0xC2, 0x0B, 1), kCount4}, kTable4}, OK,
      "405 425 410 420 1 2 2"},
     {"Select", NIR, selection_after(1000, 1200),
      times(4, {N({0x3F, 0x53}), A(le_floats({1000, 1100, 1200}))}), OK, "1000 1200 1000 1200 0 2 3"},
-    {"SelectOnATableThatComesShort", CM2, cached(selection_after(1, 3)),
-     {kCountQuery, {Q(0xC5, 0, 2048), R(kTable3)}, kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({1, 2}))}}, IO,
-     "|10000 1 3 0"},
     // CM2 reads only the run, by entry address; NIR the whole table.
     {"SelectedWavelengths", CM2, after(select_three, FILL(selected_wavelength_data, 3)),
      {{Q(0xC5, 1, 3), R(le_floats({7.5f, 8.5f}))}}, OK, "7.5 8.5 ."},
     {"SelectedWavelengths", NIR, after(select_two, FILL(selected_wavelength_data, 2)), times(2, kNirTable),
      OK, "2 3 ."},
-    {"SelectedWavelengthsOfTooFewPoints", NIR, after(select_three, FILL(selected_wavelength_data, 3)),
-     {kNirTable}, IO},
-    {"SelectedWavelengthsOfAShortTable", NIR, after(select_three, FILL(selected_wavelength_data, 3)),
-     {{N({0x3F, 0x53}), A(le_floats({1, 2, 3, 4}))}, kNirTable}, IO},
 
     // Flash pages. CM2: a command block, polls 50 ms apart until done, then
     // the page buffer in whole words, at most 1024 bytes.
@@ -475,12 +386,6 @@ const Row kRows[] = {
      "1024", 0},
     {"PageReadShort", CM2, page_read(1, 8),
      {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 2), R({1, 2, 3, 4})}}, 4, "4"},
-    {"PageReadOfNothing", CM2, page_read(1, 0),
-     {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 0), R(Bytes(8, 1))}}, 0, "0"},
-    {"PageReadIntoNoBuffer", CM2, DO(flash_read(1, nullptr, 16)),
-     {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 4), R(Bytes(16, 1))}}, 16},
-    {"PageReadFailed", CM2, page_read(3, 16), {block(0x4A, {0xC0, 0xDD, 0, 3}), poll(0x4A, 0xEE)}, IO, "0",
-     0},
     {"PageReadStatusShort", CM2, page_read(3, 16),
      {block(0x4A, {0xC0, 0xDD, 0, 3}), {Q(0xC1, 0x4A, 2), R({0, 0xAA, 0, 0})}}, IO, "0"},
     {"PageReadGivesUp", CM2, page_read(3, 16),
@@ -493,17 +398,11 @@ const Row kRows[] = {
      50},
     {"PageWriteEmpty", CM2, page_write(9, {}, 0),
      kOpenProtection + Script{{W(0xC7, 0, {}), ACK}, block(0x4A, {0xCF, 0xDD, 0, 9}), poll(0x4A, 0xAA)}, OK},
-    {"PageWriteLongest", CM2, page_write(1, kLong, 2016),
-     kOpenProtection + Script{{W(0xC7, 0, Bytes(2016, 0x44)), ACK},
-     block(0x4A, {0xCF, 0xDD, 0, 1, 0x14, 0x7C, 0x9A, 0xC7}), poll(0x4A, 0xAA)}, OK},
-    {"PageWriteRefused", CM2, page_write(5, {1, 2}, 2),
-     kOpenProtection + Script{{W(0xC7, 0, {1, 2}), R({}, 0xE3)}}, KAVREL_DIRECT_ERR_WRITE_PROTECT},
     {"PageWriteGivesUp", CM2, page_write(3, {1, 2, 3, 4}, 4),
      kOpenProtection + Script{{W(0xC7, 0, {1, 2, 3, 4}), ACK},
      block(0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD})} + times(50, poll(0x4A, 0)), TIMEOUT, "", 2500},
     // NIR: one command each way, a second of quiet.
     {"PageRead", NIR, page_read(0x0102, 16), {{N({0x3F, 0xAF, 1, 2}), A(Bytes(20, 0x33))}}, 16, "16", 1090},
-    {"PageWrite", NIR, page_write(7, {1, 2, 3, 4, 5}, 5), {{N({0xAF, 0, 7, 1, 2, 3, 4, 5}), A({})}}, OK},
     {"PageWriteLongest", NIR, page_write(7, kLong, 8187), {{N(concat({{0xAF, 0, 7}, kLong})), A({})}}, OK},
 
     // An external spectrum: a start block, polls 10 ms apart, then the
@@ -511,17 +410,9 @@ const Row kRows[] = {
     {"ExternalSpectrum", CM2, external(0x1234, 3),
      {block(0x4C, {0xC0, 0xDD, 0x12, 0x34}), poll(0x4C, 0), poll(0x4C, 0xAA),
      {Q(0xC6, 0, 1024), R({0x01, 0x02, 0xFF, 0xFE})}}, 4, "2 258", 10},
-    {"ExternalSpectrumCutAtTheCount", CM2, external(7, 3),
-     {block(0x4C, {0xC0, 0xDD, 0, 7}), poll(0x4C, 0xAA), {Q(0xC6, 0, 1024), R(Bytes(4096, 0x21))}}, 6,
-     "3 8481"},
     {"ExternalSpectrumWhole", CM2, external(7, 3000),
      {block(0x4C, {0xC0, 0xDD, 0, 7}), poll(0x4C, 0xAA), {Q(0xC6, 0, 1024), R(Bytes(4096, 0x21))}}, 4096,
      "2048 8481"},
-    {"ExternalSpectrumShort", CM2, external(7, 2048),
-     {block(0x4C, {0xC0, 0xDD, 0, 7}), poll(0x4C, 0xAA), {Q(0xC6, 0, 1024), R(Bytes(1024, 0x21))}}, 1024,
-     "512 8481"},
-    {"ExternalSpectrumFailed", CM2, external(1, 3), {block(0x4C, {0xC0, 0xDD, 0, 1}), poll(0x4C, 0xEE)}, IO,
-     "0 48879", 0},
     {"ExternalSpectrumGivesUp", CM2, external(1, 3),
      Script{block(0x4C, {0xC0, 0xDD, 0, 1})} + times(200, poll(0x4C, 0x55)), TIMEOUT, "0 48879", 2000},
 };
@@ -542,7 +433,9 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     Out out;
     EXPECT_EQ(row.call(out), row.result);
     EXPECT_EQ(out, row.out);
-    EXPECT_EQ(bridge.calls_named("write").size(), row.traffic.size());
+    const auto writes = [](const BridgeCall &c) { return c.name == "write"; };
+    EXPECT_EQ(std::count_if(bridge.calls.begin(), bridge.calls.end(), writes),
+              static_cast<std::ptrdiff_t>(row.traffic.size()));
     if (row.ms >= 0) {
         EXPECT_EQ(bridge.now() - start, row.ms);
     }

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "support/device_fixture.h"
+#include "transport/cm2_exchange.h"
 
 namespace kavrel::test {
 namespace {
@@ -15,7 +16,7 @@ constexpr int32_t SENDS = 1;  // not refused on that protocol: not tried here
 
 uint8_t b, page[16];
 uint16_t w, s[8];
-uint32_t u;
+uint32_t u, eight = 8;
 uint64_t q;
 double d[8];
 char text[16];
@@ -96,6 +97,9 @@ const Refusal kRefusals[] = {
     REFUSED(external_spectrum_control(1, nullptr, 8), ARG, ARG),
     REFUSED(external_spectrum_control(1, s, 0), ARG, ARG),
     REFUSED(external_spectrum_control(1, s, -4), ARG, ARG),
+    // The raw pass-through: a buffer named by a length must be there.
+    REFUSED(send_recv(nullptr, 1, page, &eight), ARG, ARG),
+    REFUSED(send_recv(page, 1, nullptr, &eight), ARG, ARG),
     // Operations with only a CM2 form.
     REFUSED(set_xenon_pulse(1, 2), SENDS, NONE), REFUSED(get_xenon_pulse(&u, &u), SENDS, NONE),
     REFUSED(set_xenon_mode(1), SENDS, NONE), REFUSED(get_xenon_mode(&b), SENDS, NONE),

@@ -35,7 +35,7 @@ protected:
         kavrel_direct_set_protocol_preference(static_cast<int32_t>(protocol));
         EXPECT_EQ(kavrel_direct_open_device(index), KAVREL_DIRECT_OK);
         kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO);
-        bridge.clear_calls();
+        bridge.calls.clear();
         return index;
     }
     int open_cm2(const std::string &serial = "CM2A0001") {

@@ -35,24 +35,6 @@ void FakeBridge::record(const char *name, uint32_t a, uint32_t b) {
     calls.push_back({name, a, b});
 }
 
-void FakeBridge::hold(int index) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    instrument(index).held = true;
-}
-
-void FakeBridge::release(int index) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        instrument(index).held = false;
-    }
-    held_changed_.notify_all();
-}
-
-void FakeBridge::wait_for_held_read() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    held_changed_.wait(lock, [this] { return held_reads_ > 0; });
-}
-
 int FakeBridge::attach(const std::string &serial) {
     instruments_.emplace_back();
     instruments_.back().serial = serial;
@@ -66,13 +48,6 @@ void FakeBridge::expect(int index, const Bytes &request, std::vector<Chunk> repl
 
 void FakeBridge::reply_any(int index, std::vector<Chunk> reply) {
     instrument(index).script.push_back(Step{std::nullopt, std::move(reply), 0, std::nullopt});
-}
-
-std::vector<BridgeCall> FakeBridge::calls_named(const std::string &name) const {
-    std::vector<BridgeCall> out;
-    std::copy_if(calls.begin(), calls.end(), std::back_inserter(out),
-                 [&](auto &c) { return c.name == name; });
-    return out;
 }
 
 std::string FakeBridge::trace() const {
@@ -175,13 +150,6 @@ platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32
 
 platform::Status FakeBridge::read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned) {
     FakeInstrument &device = instrument(index_of(h));
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        held_reads_ += device.held;
-        held_changed_.notify_all();
-        held_changed_.wait(lock, [&] { return !device.held; });
-        held_reads_ = 0;
-    }
     *returned = 0;
     if (device.fail_read_after >= 0 && device.fail_read_after-- == 0) return record("read", count), 4;
     *returned = static_cast<uint32_t>(

@@ -13,7 +13,6 @@
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -58,7 +57,6 @@ struct FakeInstrument {
     int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
     std::unique_ptr<platform::Inbox> inbox;
-    bool held = false;  // reads wait until release()
 };
 
 class FakeBridge {
@@ -73,19 +71,11 @@ public:
     void reply_any(int index, std::vector<Chunk> reply);
     double now() const { return clock_.now_ms(); }
 
-    // Reads of bridge index block (for real, on any thread) from now until
-    // release(); wait_for_held_read() returns once one is blocked.
-    void hold(int index);
-    void release(int index);
-    void wait_for_held_read();
-
     std::vector<BridgeCall> calls;
-    std::vector<BridgeCall> calls_named(const std::string &name) const;
     // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28" (a
     // read shows the count asked and the count returned); a call or a pair
     // of calls repeated in a row shows once, with " xN".
     std::string trace() const;
-    void clear_calls() { calls.clear(); }
     size_t unplayed_steps() const;  // traffic that was expected and never came
 
     uint32_t create_status = 0, get_status = 0, open_status = 0;
@@ -118,9 +108,7 @@ private:
     // front of the fake: a wrapper must change nothing.
     std::unique_ptr<platform::Forwarder> wrapper_;
     platform::Platform wrapped_{};
-    std::mutex mutex_;  // calls and holds, for tests with several threads
-    std::condition_variable held_changed_;
-    int held_reads_ = 0;
+    std::mutex mutex_;  // the calls, for tests with several threads
 };
 
 // CM2 packets: a query of words, a write of data (padded to whole words),

@@ -1,6 +1,6 @@
 // Wire encodings of spectral data, and a model spectrometer that answers
-// every spectral request from its own table and spectrum, for tests whose
-// tables vary (selection cases, allocation failures).
+// every request, the spectral ones from its own table and spectrum, for
+// tests whose tables vary (selection cases, allocation failures).
 #ifndef KAVREL_TESTS_SPECTRAL_MODEL_H
 #define KAVREL_TESTS_SPECTRAL_MODEL_H
 
@@ -44,35 +44,35 @@ struct SpectralModel {
     std::vector<uint16_t> spectrum;
     Bytes page = Bytes(1024, 0x5A);
 
-    // CM2: reads are served by register and address; every write is
-    // acknowledged, and every command block reads back done (0xAA).
+    // CM2: every write is acknowledged; queries of the point count, the
+    // table, the spectrum and the page buffer are served from the model, and
+    // any other query gets the words asked for, all 0xAA (so a command
+    // block's status reads back done).
     std::vector<Chunk> answer_cm2(const Bytes &request) const {
         const uint8_t reg = request[21];
         const uint32_t address = static_cast<uint32_t>(request[22] << 16) | load_be16(&request[23]);
         if (request[13] != 0x0D) return at_once(cm2_reply(reg, address, {}));
         const size_t words = load_be16(&request[15]);
-        Bytes data;
-        if (reg == 0xC2) {
+        Bytes data(4 * words, 0xAA);
+        if (reg == 0xC2 && address == 0x0B) {
             data = {0, 0, static_cast<uint8_t>(table.size() >> 8), static_cast<uint8_t>(table.size())};
         } else if (reg == 0xC5) {
             const auto first = table.begin() + std::min<long>(address, static_cast<long>(table.size()));
             data = le_floats({first, first + std::min<long>(static_cast<long>(words), table.end() - first)});
         } else if (reg == 0xC6) {
             data = be_samples(spectrum);
-        } else if (reg == 0xC1) {
-            data = {0xC0, 0xAA, 0, 0, 0, 0, 0, 0};
         } else if (reg == 0xC7) {
             data.assign(page.begin(), page.begin() + static_cast<long>(std::min(page.size(), 4 * words)));
         }
         return at_once(cm2_reply(reg, address, data));
     }
 
-    // NIR: by command byte.
+    // NIR: by command byte; any other command gets 40 bytes of 0xAA.
     std::vector<Chunk> answer_nir(const Bytes &frame) const {
         if (frame[0] == 0x3F && frame[1] == 0x53) return at_once(nir_reply(le_floats(table)));
         if (frame[0] == 0x3F && frame[1] == 0xAF) return at_once(nir_reply(page));
         if (frame[0] == 0x53) return at_once(nir_reply(be_samples(spectrum)));
-        return at_once(nir_reply({}));
+        return at_once(nir_reply(Bytes(40, 0xAA)));
     }
 
     // Makes bridge device answer as this model, in the given protocol.
