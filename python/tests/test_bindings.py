@@ -60,4 +60,6 @@ def test_codec_helpers():
     assert codec.crc32(b"123456789", simulated=True) == 0xCBF43926
     assert codec.reply_name(0xE3, simulated=True) == "Write Protect Not Open"
     with pytest.raises(kavrel.GenericError):
-        codec.parse_response(b"\x00" * 10, simulated=True)
+        codec.parse_response(b"\x00" * 23, simulated=True)
+    # Long enough but with a wrong preamble: taken apart, and flagged.
+    assert not codec.parse_response(b"\x00" * 24, simulated=True).preamble_ok
