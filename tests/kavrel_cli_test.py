@@ -60,6 +60,7 @@ def test_scan_doctor_and_settings_lists():
         (0, CM2, "UVVIS_CM2"), (1, NIR, "NIR_LEGACY")]
     doctor = ok("doctor")
     assert re.search(r"KSIM0001 .*answers CM2", doctor) and re.search(r"KSIM0002 .*answers NIR", doctor)
+    assert (run().returncode, run("--help").returncode) == (2, 0)
     settings = {r["name"]: r for r in json.loads(ok("get", "--list", "--format", "json"))}
     assert settings["integration_time"]["unit"] == "us" and settings["integration_time"]["settable"]
     assert not settings["temperature"]["settable"]
@@ -71,6 +72,8 @@ def test_info_and_csv_rows_match_the_wavelength_table(serial, protocol, points, 
     assert (info["chip_serial"], info["protocol"], info["points"]) == (serial, protocol, points)
     assert info["wavelength_first_nm"] < info["wavelength_last_nm"]
     assert (info["usb_status"] is None) == (serial == NIR)
+    readings = json.loads(ok("-d", serial, "get", "--all", "--format", "json"))
+    assert readings["integration_time"] == 10000 and ("xenon_mode" in readings) == (serial == CM2)
     wavelength = wavelength_of("-d", serial)
     ok("-d", serial, "acquire", "-o", tmp_path / "spectrum.csv")
     rows = csv_rows((tmp_path / "spectrum.csv").read_text())
@@ -86,6 +89,7 @@ def test_info_and_csv_rows_match_the_wavelength_table(serial, protocol, points, 
     (CM2, "xenon_pulse", ["12", "0x22"], "12 34"),
     (CM2, "serial_number", ["KV-123456789"], "KV-123456789"),  # the longest
     (CM2, "stored_integration_time", ["1.5s"], "1500000"),
+    (CM2, "external_trigger", ["1", "2", "3"], "1 2 3"),
     (NIR, "integration_time", ["20ms"], "20000"),
     (NIR, "average_number", ["3"], "3"),
     (NIR, "flash_write_protect", ["open"], "open"),
@@ -113,6 +117,10 @@ def test_dark_is_subtracted_only_with_the_same_settings(kind, tmp_path):
     # The simulated instrument is seeded: a second spectrum is the same.
     same = csv_rows(ok("acquire", "--integration", "20ms", "--dark", dark))
     assert [int(r["counts"]) for r in same] == [0] * 2048
+    selected = ["select", "400", "700", "acquire", "--integration", "20ms", "--selected"]
+    ok(*selected, "--format", kind, "-o", tmp_path / ("selected." + kind))
+    subtracted = csv_rows(ok(*selected, "--dark", tmp_path / ("selected." + kind)))
+    assert {int(r["counts"]) for r in subtracted} == {0}
     for args, reason in ((["--integration", "10ms"], "20000 us, this acquisition uses 10000 us"),
                          (["--integration", "20ms", "--average", "2"], "averaging 1 spectra"),
                          (["--integration", "20ms", "--selected"], "covers 2048 points from index 0")):
@@ -142,7 +150,8 @@ def test_plot_labels_the_brightest_peaks_in_ascii_or_utf8(tmp_path):
 
 def test_progress_bar_only_on_a_terminal():
     master, slave = pty.openpty()
-    r = subprocess.run([KAVREL] + SIM + ["acquire", "-n", "3"], stdout=subprocess.DEVNULL, stderr=slave, timeout=60)
+    command = [KAVREL, *SIM, "acquire", "-n", "3"]
+    status = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=slave, timeout=60).returncode
     os.close(slave)
     # A terminal hands its buffer over a piece a read: read to its end (EIO once the writer is gone).
     chunks = []
@@ -153,7 +162,7 @@ def test_progress_bar_only_on_a_terminal():
             break
     os.close(master)
     shown = b"".join(chunks).decode()
-    assert r.returncode == 0 and re.search(r"\d/3 +\d+:\d\d left", shown)
+    assert status == 0 and re.search(r"\d/3 +\d+:\d\d left", shown)
     drawn = [int(n) for n in re.findall(r"(\d)/3", shown)]
     assert (drawn[0], drawn[-1]) == (0, 3) and drawn == sorted(drawn)
     assert b"left" not in run("acquire", "-n", "3").stderr
@@ -165,7 +174,8 @@ def test_progress_bar_only_on_a_terminal():
     (["-d", NIR, "--sim-fault", "no_answer", "get", "average_number"], 19,
      "timeout: the instrument did not answer within 500 ms"),
     (["--sim-fault", "bad_crc:1", "get", "temperature"], 17, "crc: "),
-    (["-d", "NOPE", "info"], 12, 'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
+    (["-d", "NOPE", "info"], 12,
+     'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
     (["-d", "5", "info"], 12, "no_device: no bridge at index 5"),
     (["--sim-fault", "reply_code:1:0xE3", "get", "level_output"], 20, "write_protect: "),
     (["-d", NIR, "get", "xenon_mode"], 21, "unsupported: "),
@@ -221,13 +231,13 @@ def test_trace_shows_each_frame_whole_and_keeps_stdout_clean():
 
 def test_flash_write_then_read_gives_back_the_bytes(tmp_path):
     data = bytes(i * 151 % 256 for i in range(100))
-    (tmp_path / "in.bin").write_bytes(data)
+    (tmp_path / "in").write_bytes(data)
     # NIR keeps its write protection until told; CM2 opens it itself.
     write = ["set", "flash_write_protect", "open", "flash", "write", "9"]
-    ok("-d", NIR, *write, tmp_path / "in.bin", "flash", "read", "9", "--length", "100", "-o", tmp_path / "out")
+    ok("-d", NIR, *write, tmp_path / "in", "flash", "read", "9", "--length", "100", "-o", tmp_path / "out")
     assert (tmp_path / "out").read_bytes() == data
     shown = ok("-d", CM2, *write, "-", "flash", "read", "9", "--length", "100", "--hex", stdin=data)
-    assert bytes.fromhex(" ".join(shown.splitlines()[1:])) == data
+    assert len(shown.splitlines()) == 1 + 7 and bytes.fromhex(" ".join(shown.splitlines()[1:])) == data
 
 
 def test_crc_and_parse_need_no_instrument():

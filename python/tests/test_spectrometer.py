@@ -82,8 +82,8 @@ def test_selected_range_and_reset():
 
 
 @pytest.mark.parametrize("name, value", [
-    ("integration_time_us", 25000), ("average", 4), ("level_output", 3), ("xenon_mode", 2), ("dac_value", 0x123),
-    ("usb_baud_rate", 7), ("stored_integration_time_us", 30000), ("stored_average", 8),
+    ("integration_time_us", 25000), ("average", 4), ("level_output", 3), ("xenon_mode", 2),
+    ("dac_value", 0x123), ("usb_baud_rate", 7), ("stored_integration_time_us", 30000), ("stored_average", 8),
     ("stored_smoothing_width", 5), ("xenon_pulse", (10, 70000)), ("external_trigger_config", (1, 2, 3)),
     ("serial_number", "SN-42"),
 ])  # fmt: skip
@@ -154,12 +154,13 @@ def test_two_instruments_from_two_threads():
 
 
 def test_command_line_writes_csv_and_plot(tmp_path, capsys):
-    table, image = tmp_path / "spectrum.csv", tmp_path / "spectrum.png"
+    out, png = tmp_path / "s.csv", tmp_path / "s.png"
     # At the default 10 ms no point saturates; at 20 ms the strongest lines do.
-    assert main(["acquire", "--sim", "--integration-time-us", "20000", "-o", str(table), "--plot", str(image)]) == 0
-    rows = list(csv.DictReader(table.open()))
+    assert main(["acquire", "--sim", "--integration-time-us", "20000", "-o", str(out),
+                 "--plot", str(png)]) == 0
+    rows = list(csv.DictReader(out.open()))
     assert len(rows) == 2048 and rows[0].keys() == {"wavelength_nm", "counts", "saturated"}
     assert 0 < sum(row["saturated"] == "1" for row in rows) < 100 and float(rows[0]["wavelength_nm"]) < 200
-    assert image.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and image.stat().st_size > 20000
+    assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and png.stat().st_size > 20000
     assert main(["acquire", "--sim", "--serial", "NOSUCH"]) == 1
     assert "KAVREL_DIRECT_ERR_NO_DEVICE" in capsys.readouterr().err
