@@ -2,6 +2,7 @@
 in virtual time: KSIM0001 speaks CM2 (2048 points), KSIM0002 NIR (256).
 
     /usr/bin/python3 tests/kavrel_cli_test.py build/tools/kavrel/kavrel
+    KAVREL_CLI_UNDER_TEST=build/tools/kavrel/kavrel /usr/bin/python3 -m pytest tests/kavrel_cli_test.py
 """
 import csv
 import json
