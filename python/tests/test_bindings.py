@@ -1,4 +1,4 @@
-"""Each function's declared ctypes signature against its prototype in the headers."""
+"""The package against the C headers: each function's ctypes signature, each result code's exception."""
 import pathlib
 import re
 from ctypes import POINTER, c_char, c_char_p, c_double, c_float, c_int32, c_uint8, c_uint16, c_uint32, c_uint64
@@ -51,8 +51,15 @@ def test_every_export_is_declared_as_its_prototype(simulated):
         assert (function.restype, list(function.argtypes)) == (result, arguments), name
 
 
+def test_every_result_code_has_its_exception():
+    codes = dict(re.findall(r"(KAVREL_DIRECT_ERR_\w+) = (-\d+)", (ROOT / "include/kavrel_direct.h").read_text()))
+    assert {cls.symbol: str(code) for code, cls in kavrel.BY_CODE.items()} == codes and len(codes) == 11
+
+
 def test_codec_helpers():
     assert codec.crc32(b"123456789", simulated=True) == 0xCBF43926
     assert codec.reply_name(0xE3, simulated=True) == "Write Protect Not Open"
     with pytest.raises(kavrel.GenericError):
-        codec.parse_response(b"\x00" * 10, simulated=True)
+        codec.parse_response(b"\x00" * 23, simulated=True)
+    # Long enough but with a wrong preamble: taken apart, and flagged.
+    assert not codec.parse_response(b"\x00" * 24, simulated=True).preamble_ok
