@@ -16,6 +16,10 @@
 
 namespace kavrel::test {
 
+constexpr uint32_t CM2 = KAVREL_SIM_CM2;
+constexpr uint32_t NIR = KAVREL_SIM_NIR;
+constexpr int32_t OK = KAVREL_DIRECT_OK;
+
 // The default configuration of a kind, on a bridge with that chip serial.
 inline kavrel_sim_config sim_config(uint32_t kind, const char *chip_serial) {
     kavrel_sim_config c;
@@ -26,14 +30,12 @@ inline kavrel_sim_config sim_config(uint32_t kind, const char *chip_serial) {
 
 inline std::vector<uint16_t> spectrum(size_t points) {
     std::vector<uint16_t> s(points);
-    EXPECT_EQ(kavrel_direct_get_full_spectrum_data(s.data(), static_cast<int32_t>(points)), KAVREL_DIRECT_OK);
+    EXPECT_EQ(kavrel_direct_get_full_spectrum_data(s.data(), static_cast<int32_t>(points)), OK);
     return s;
 }
-inline std::vector<double> wavelengths(size_t points) {
-    std::vector<double> w(points);
-    EXPECT_EQ(kavrel_direct_get_full_wavelength_data(w.data(), static_cast<int32_t>(points)),
-              KAVREL_DIRECT_OK);
-    return w;
+
+inline std::string protocol_name(uint32_t kind) {
+    return kind == NIR ? "NIR" : kind == CM2 ? "CM2" : "silent";
 }
 
 class SimTest : public ::testing::Test {
@@ -45,7 +47,6 @@ protected:
     }
     void TearDown() override {
         kavrel_direct_close_all_devices();
-        kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO);
         kavrel_sim_reset();
         use_provider(nullptr);
     }
@@ -54,15 +55,11 @@ protected:
     // probe its protocol.
     static kavrel_sim_config attach_and_open(uint32_t kind, const char *chip_serial) {
         const kavrel_sim_config c = sim_config(kind, chip_serial);
-        EXPECT_EQ(kavrel_sim_attach(&c), KAVREL_DIRECT_OK);
-        EXPECT_EQ(kavrel_direct_open_device_by_chip_serial(chip_serial), KAVREL_DIRECT_OK);
+        EXPECT_EQ(kavrel_sim_attach(&c), OK);
+        EXPECT_EQ(kavrel_direct_open_device_by_chip_serial(chip_serial), OK);
         return c;
     }
 };
-
-inline std::string protocol_name(uint32_t kind) {
-    return kind == KAVREL_SIM_NIR ? "NIR" : kind == KAVREL_SIM_CM2 ? "CM2" : "silent";
-}
 
 }  // namespace kavrel::test
 
