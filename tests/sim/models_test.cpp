@@ -1,19 +1,29 @@
 // The instrument models and the bridge line on their own, as a byte stream
 // feeds them: requests split, joined and after garbage; replies in order and
 // in USB packets.
-#include <cstring>
+#include <gtest/gtest.h>
 
+#include <cmath>
+#include <tuple>
+#include <vector>
+
+#include "kavrel_direct.h"
 #include "protocol/cm2_codec.h"
 #include "sim/cm2_instrument.h"
 #include "sim/nir_instrument.h"
 #include "sim/usb_line.h"
-#include "sim_fixture.h"
 #include "transport/nir_exchange.h"
 
 namespace kavrel::test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+kavrel_sim_config default_config(uint32_t kind) {
+    kavrel_sim_config c;
+    kavrel_sim_default_config(kind, &c);
+    return c;
+}
 
 // Keeps what an instrument sends, each reply with the time its first byte
 // leaves.
@@ -65,7 +75,7 @@ std::tuple<uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
 
 TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
     Capture line;
-    sim::Cm2Instrument cm2(sim_config(CM2, "M"), line);
+    sim::Cm2Instrument cm2(default_config(KAVREL_SIM_CM2), line);
     // Garbage with a false start, then two queries.
     feed(cm2, {{0x12, 0xAA, 0xAB, 0xAA, 0xAA}, query(0xC1, 0x40, 1), query(0xC2, 0x0B, 1)}, 10.0);
     ASSERT_EQ(line.replies.size(), 2u);
@@ -94,7 +104,7 @@ TEST(Cm2Model, RefusesWithTheReplyCodeOfTheFault) {
     };
     for (const auto &[name, request, code] : refusals) {
         Capture line;
-        sim::Cm2Instrument cm2(sim_config(CM2, "M"), line);
+        sim::Cm2Instrument cm2(default_config(KAVREL_SIM_CM2), line);
         feed(cm2, {request}, 0, false);
         ASSERT_EQ(line.replies.size(), 1u) << name;
         EXPECT_EQ(std::get<3>(cm2_reply(line.replies[0].bytes)), code) << name;
@@ -103,7 +113,7 @@ TEST(Cm2Model, RefusesWithTheReplyCodeOfTheFault) {
 
 TEST(NirModel, SkipsGarbageRefusesABadCrcAndForgetsAFrameCutShort) {
     Capture line;
-    sim::NirInstrument nir(sim_config(NIR, "N"), line);
+    sim::NirInstrument nir(default_config(KAVREL_SIM_NIR), line);
     Bytes bad = nir_frame({'t'});
     bad.back() ^= 1;
     // Unknown bytes and an unknown query, then the version.
