@@ -154,22 +154,20 @@ TEST_F(Sim, UnpluggingEndsAnAcquisitionInAnotherThread) {
 
 TEST_F(Sim, AttachRefusesAConfigurationTheProtocolCannotCarry) {
     const std::pair<const char *, void (*)(kavrel_sim_config &)> spoilers[] = {
-        {"no chip serial", [](kavrel_sim_config &c) { c.chip_serial[0] = '\0'; }},
-        {"text not terminated", [](kavrel_sim_config &c) { std::memset(c.model, 'M', sizeof c.model); }},
-        {"unknown kind", [](kavrel_sim_config &c) { c.instrument = 3; }},
-        {"unknown speed", [](kavrel_sim_config &c) { c.bridge_speed = 2; }},
-        {"reserved", [](kavrel_sim_config &c) { c.reserved = 1; }},
-        {"no points", [](kavrel_sim_config &c) { c.point_count = 0; }},
-        {"too many points", [](kavrel_sim_config &c) { c.point_count = 4097; }},
-        {"model too long for CM2", [](kavrel_sim_config &c) { std::strcpy(c.model, "SEVENTEEN-LETTERS"); }},
-        {"serial too long for CM2",
-         [](kavrel_sim_config &c) { std::strcpy(c.serial_number, "THIRTEEN-LONG"); }},
-        {"version not hex bytes", [](kavrel_sim_config &c) { std::strcpy(c.hardware_version, "1.2.300"); }},
-        {"coefficient not finite", [](kavrel_sim_config &c) { c.coefficients[2] = std::nan(""); }},
-        {"too cold", [](kavrel_sim_config &c) { c.temperature_c = -200; }},
-        {"NIR model out of form",
-         [](kavrel_sim_config &c) { c = sim_config(NIR, "X"), std::strcpy(c.model, "NIR-X"); }},
-        {"NIR too many points", [](kavrel_sim_config &c) { c = sim_config(NIR, "X"), c.point_count = 1025; }},
+        {"no chip serial", [](auto &c) { c.chip_serial[0] = '\0'; }},
+        {"text not terminated", [](auto &c) { std::memset(c.model, 'M', sizeof c.model); }},
+        {"unknown kind", [](auto &c) { c.instrument = 3; }},
+        {"unknown speed", [](auto &c) { c.bridge_speed = 2; }},
+        {"reserved", [](auto &c) { c.reserved = 1; }},
+        {"no points", [](auto &c) { c.point_count = 0; }},
+        {"too many points", [](auto &c) { c.point_count = 4097; }},
+        {"model too long for CM2", [](auto &c) { std::strcpy(c.model, "SEVENTEEN-LETTERS"); }},
+        {"serial too long for CM2", [](auto &c) { std::strcpy(c.serial_number, "THIRTEEN-LONG"); }},
+        {"version not hex bytes", [](auto &c) { std::strcpy(c.hardware_version, "1.2.300"); }},
+        {"coefficient not finite", [](auto &c) { c.coefficients[2] = std::nan(""); }},
+        {"too cold", [](auto &c) { c.temperature_c = -200; }},
+        {"NIR model out of form", [](auto &c) { c = sim_config(NIR, "X"), std::strcpy(c.model, "NIR-X"); }},
+        {"NIR too many points", [](auto &c) { c = sim_config(NIR, "X"), c.point_count = 1025; }},
     };
     for (const auto &[name, spoil] : spoilers) {
         kavrel_sim_config c = sim_config(CM2, "X");
