@@ -455,12 +455,14 @@ TEST_F(Sim, LinesPeakOnThePixelsTheCalibrationPutsThem) {
 }
 
 // A spectrum of the selected instrument, of 2048 points, with every
-// instrument's shutter open or closed.
-std::vector<uint16_t> seen(uint32_t integration_us, bool shutter_closed, double line_level = 4000) {
+// instrument's shutter open or closed and the lamp's lines lit or not.
+std::vector<uint16_t> seen(uint32_t integration_us, bool shutter_closed, double line_level = 4000,
+                           bool lit = true) {
     kavrel_sim_scene scene;
     kavrel_sim_default_scene(&scene);
     scene.shutter_closed = shutter_closed;
     scene.line_level = line_level;
+    scene.lamp_lines = lit;
     EXPECT_EQ(kavrel_sim_set_scene(nullptr, &scene), OK);
     EXPECT_EQ(kavrel_direct_set_integration_time(integration_us), OK);
     return spectrum(2048);
@@ -489,10 +491,16 @@ TEST_F(Sim, CountsOverTheDarkLinearInIntegrationTimeUpToFullScale) {
     EXPECT_NEAR(net(20000) / net(5000), 4.0, 0.02);
     const std::vector<uint16_t> bright = seen(10000, false, 1e6), dark = seen(10000, true, 1e6);
     EXPECT_EQ(*std::max_element(bright.begin(), bright.end()), 65535);
+    const std::vector<uint16_t> unlit = seen(10000, false, 1e6, false);
+    EXPECT_LT(*std::max_element(unlit.begin(), unlit.end()), 65535);
     const auto [lo, hi] = std::minmax_element(dark.begin(), dark.end());
     EXPECT_LT(*hi - *lo, 100);
     auto dark_current = [] { return mean(seen(1000000, true)) - mean(seen(10000, true)); };
     const double at_warm = dark_current();
+    kavrel_sim_scene refused;
+    kavrel_sim_default_scene(&refused);
+    refused.line_level = -1;
+    EXPECT_EQ(kavrel_sim_set_scene(nullptr, &refused), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_GT(at_warm, 50);
     attach_and_open(hot);
     ASSERT_EQ(kavrel_direct_set_average_number(16), OK);

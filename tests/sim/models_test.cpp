@@ -65,12 +65,16 @@ void feed(sim::Instrument &instrument, const std::vector<Bytes> &parts, double a
             instrument.receive(&part[i], bytewise ? 1 : part.size(), at_ms);
 }
 
-// Register, address and reply code of a CM2 reply, which must be well formed.
-std::tuple<uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
+// Service, register, address, status nibble and reply code of a CM2 reply,
+// which must be well formed. It keeps the version (0xCC), sequence number
+// (0xEE) and packet count (1 of 1) of the library's requests, and swaps
+// their target (1) and source (2).
+std::tuple<uint8_t, uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
     static cm2_packet p;
     EXPECT_EQ(kavrel_direct_parse_response(reply.data(), static_cast<int32_t>(reply.size()), &p), 0);
-    EXPECT_EQ(p.crc_ok, 1);
-    return {p.srv, p.pio_reg, p.pio_addr, p.ans_reply};
+    EXPECT_EQ(std::make_tuple(p.crc_ok, p.ver, p.ta, p.sa, p.fsn, p.sn_packets, p.sn_index),
+              std::make_tuple(1, 0xCC, 2, 1, 0xEE, 1, 1));
+    return {p.srv, p.pio_reg, p.pio_addr, p.ans_status, p.ans_reply};
 }
 
 TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
@@ -79,8 +83,8 @@ TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
     // Garbage with a false start, then two queries.
     feed(cm2, {{0x12, 0xAA, 0xAB, 0xAA, 0xAA}, query(0xC1, 0x40, 1), query(0xC2, 0x0B, 1)}, 10.0);
     ASSERT_EQ(line.replies.size(), 2u);
-    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0xAC));
-    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0, 0xAC));
     // One at a time: the second reply leaves after the first has.
     const Capture::Reply &a = line.replies[0];
     EXPECT_GE(line.replies[1].first_ms, a.first_ms + a.bytes.size() * a.spacing_ms);
@@ -91,23 +95,26 @@ Bytes corrupted(Bytes packet) {
     return packet;
 }
 
-TEST(Cm2Model, RefusesWithTheReplyCodeOfTheFault) {
-    const std::tuple<const char *, Bytes, uint8_t> refusals[] = {
-        {"CRC wrong", corrupted(query(0xC1, 0x40, 1)), 0xE1},
-        {"unknown register", query(0xC3, 0, 1), 0xE2},
-        {"unknown address", query(0xC1, 0x30, 1), 0xE2},
-        {"run past the map", query(0xC1, 0x00, 5), 0xE2},
-        {"table ends", query(0xC5, 2048, 1), 0xE2},
-        {"read-only word", write(0xC1, 0x40, {0, 0, 1, 0}), 0xE2},
-        {"page buffer while protected", write(0xC7, 0, {1, 2, 3, 4}), 0xE3},
-        {"page write while protected", write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE3},
+// A refusal's status nibble is 0xE for a write the protection forbids, 0xB
+// for any other failure.
+TEST(Cm2Model, RefusesWithTheStatusAndReplyCodeOfTheFault) {
+    const std::tuple<const char *, Bytes, uint8_t, uint8_t> refusals[] = {
+        {"CRC wrong", corrupted(query(0xC1, 0x40, 1)), 0xB, 0xE1},
+        {"unknown register", query(0xC3, 0, 1), 0xB, 0xE2},
+        {"unknown address", query(0xC1, 0x30, 1), 0xB, 0xE2},
+        {"run past the map", query(0xC1, 0x00, 5), 0xB, 0xE2},
+        {"table ends", query(0xC5, 2048, 1), 0xB, 0xE2},
+        {"read-only word", write(0xC1, 0x40, {0, 0, 1, 0}), 0xB, 0xE2},
+        {"page buffer while protected", write(0xC7, 0, {1, 2, 3, 4}), 0xE, 0xE3},
+        {"page write while protected", write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE, 0xE3},
     };
-    for (const auto &[name, request, code] : refusals) {
+    for (const auto &[name, request, status, code] : refusals) {
         Capture line;
         sim::Cm2Instrument cm2(default_config(KAVREL_SIM_CM2), line);
         feed(cm2, {request}, 0, false);
         ASSERT_EQ(line.replies.size(), 1u) << name;
-        EXPECT_EQ(std::get<3>(cm2_reply(line.replies[0].bytes)), code) << name;
+        const auto reply = cm2_reply(line.replies[0].bytes);
+        EXPECT_EQ(std::get<3>(reply) * 0x100 + std::get<4>(reply), status * 0x100 + code) << name;
     }
 }
 
