@@ -1,15 +1,17 @@
 // The instrument models and the bridge line on their own, as a byte stream
 // feeds them: requests split, joined and after garbage; replies in order and
 // in USB packets.
-#include <cstring>
+#include <gtest/gtest.h>
 
-#include "protocol/byte_order.h"
+#include <cmath>
+#include <tuple>
+#include <vector>
+
+#include "kavrel_direct.h"
 #include "protocol/cm2_codec.h"
 #include "sim/cm2_instrument.h"
-#include "sim/config.h"
 #include "sim/nir_instrument.h"
 #include "sim/usb_line.h"
-#include "sim_fixture.h"
 #include "transport/nir_exchange.h"
 
 namespace kavrel::test {
@@ -17,13 +19,18 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+kavrel_sim_config default_config(uint32_t kind) {
+    kavrel_sim_config c;
+    kavrel_sim_default_config(kind, &c);
+    return c;
+}
+
 // Keeps what an instrument sends, each reply with the time its first byte
 // leaves.
 struct Capture : sim::LineSink {
     struct Reply {
         Bytes bytes;
-        double first_ms;
-        double spacing_ms;
+        double first_ms, spacing_ms;
     };
     std::vector<Reply> replies;
     double byte_ms() const override { return 0.01; }
@@ -44,10 +51,6 @@ Bytes write(uint8_t reg, uint32_t address, const Bytes &data) {
     return out;
 }
 
-void send(sim::Instrument &instrument, const Bytes &bytes, double at_ms) {
-    instrument.receive(bytes.data(), bytes.size(), at_ms);
-}
-
 Bytes nir_frame(Bytes command) {
     const uint16_t crc = nir_crc16(command.data(), command.size());
     command.push_back(static_cast<uint8_t>(crc >> 8));
@@ -55,49 +58,36 @@ Bytes nir_frame(Bytes command) {
     return command;
 }
 
-// Register, address and reply code of a CM2 reply, which must be well formed.
-std::tuple<uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
+// Byte by byte, as a slow stream delivers them, or each part whole.
+void feed(sim::Instrument &instrument, const std::vector<Bytes> &parts, double at_ms, bool bytewise = true) {
+    for (const Bytes &part : parts)
+        for (size_t i = 0; i < part.size(); i += bytewise ? 1 : part.size())
+            instrument.receive(&part[i], bytewise ? 1 : part.size(), at_ms);
+}
+
+// Service, register, address, status nibble and reply code of a CM2 reply,
+// which must be well formed. It keeps the version (0xCC), sequence number
+// (0xEE) and packet count (1 of 1) of the library's requests, and swaps
+// their target (1) and source (2).
+std::tuple<uint8_t, uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
     static cm2_packet p;
     EXPECT_EQ(kavrel_direct_parse_response(reply.data(), static_cast<int32_t>(reply.size()), &p), 0);
-    EXPECT_EQ(p.crc_ok, 1);
-    return {p.srv, p.pio_reg, p.pio_addr, p.ans_reply};
+    EXPECT_EQ(std::make_tuple(p.crc_ok, p.ver, p.ta, p.sa, p.fsn, p.sn_packets, p.sn_index),
+              std::make_tuple(1, 0xCC, 2, 1, 0xEE, 1, 1));
+    return {p.srv, p.pio_reg, p.pio_addr, p.ans_status, p.ans_reply};
 }
 
 TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
     Capture line;
-    sim::Cm2Instrument cm2(sim_config(KAVREL_SIM_CM2, "M"), line);
-    Bytes stream = {0x12, 0xAA, 0xAB, 0xAA, 0xAA};  // garbage, with a false start
-    const Bytes first = query(0xC1, 0x40, 1), second = query(0xC2, 0x0B, 1);
-    stream.insert(stream.end(), first.begin(), first.end());
-    stream.insert(stream.end(), second.begin(), second.end());
-    // Byte by byte, as a slow stream delivers them.
-    for (size_t i = 0; i < stream.size(); ++i) cm2.receive(&stream[i], 1, 10.0);
+    sim::Cm2Instrument cm2(default_config(KAVREL_SIM_CM2), line);
+    // Garbage with a false start, then two queries.
+    feed(cm2, {{0x12, 0xAA, 0xAB, 0xAA, 0xAA}, query(0xC1, 0x40, 1), query(0xC2, 0x0B, 1)}, 10.0);
     ASSERT_EQ(line.replies.size(), 2u);
-    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0xAC));
-    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0, 0xAC));
     // One at a time: the second reply leaves after the first has.
     const Capture::Reply &a = line.replies[0];
     EXPECT_GE(line.replies[1].first_ms, a.first_ms + a.bytes.size() * a.spacing_ms);
-}
-
-struct Refusal {
-    const char *name;
-    Bytes request;
-    uint8_t code;
-};
-
-void PrintTo(const Refusal &r, std::ostream *os) {
-    *os << r.name;
-}
-
-class Cm2Refusals : public ::testing::TestWithParam<Refusal> {};
-
-TEST_P(Cm2Refusals, AnswerWithTheirReplyCode) {
-    Capture line;
-    sim::Cm2Instrument cm2(sim_config(KAVREL_SIM_CM2, "M"), line);
-    send(cm2, GetParam().request, 0);
-    ASSERT_EQ(line.replies.size(), 1u);
-    EXPECT_EQ(std::get<3>(cm2_reply(line.replies[0].bytes)), GetParam().code);
 }
 
 Bytes corrupted(Bytes packet) {
@@ -105,32 +95,40 @@ Bytes corrupted(Bytes packet) {
     return packet;
 }
 
-INSTANTIATE_TEST_SUITE_P(EachCode, Cm2Refusals,
-                         ::testing::Values(Refusal{"CrcWrong", corrupted(query(0xC1, 0x40, 1)), 0xE1},
-                                           Refusal{"UnknownRegister", query(0xC3, 0, 1), 0xE2},
-                                           Refusal{"UnknownAddress", query(0xC1, 0x30, 1), 0xE2},
-                                           Refusal{"RunPastTheMap", query(0xC1, 0x00, 5), 0xE2},
-                                           Refusal{"TableEnds", query(0xC5, 2048, 1), 0xE2},
-                                           Refusal{"ReadOnlyWord", write(0xC1, 0x40, {0, 0, 1, 0}), 0xE2},
-                                           Refusal{"PageBufferWhileProtected", write(0xC7, 0, {1, 2, 3, 4}),
-                                                   0xE3},
-                                           Refusal{"PageWriteWhileProtected",
-                                                   write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE3}),
-                         [](const auto &info) { return std::string(info.param.name); });
+// A refusal's status nibble is 0xE for a write the protection forbids, 0xB
+// for any other failure.
+TEST(Cm2Model, RefusesWithTheStatusAndReplyCodeOfTheFault) {
+    const std::tuple<const char *, Bytes, uint8_t, uint8_t> refusals[] = {
+        {"CRC wrong", corrupted(query(0xC1, 0x40, 1)), 0xB, 0xE1},
+        {"unknown register", query(0xC3, 0, 1), 0xB, 0xE2},
+        {"unknown address", query(0xC1, 0x30, 1), 0xB, 0xE2},
+        {"run past the map", query(0xC1, 0x00, 5), 0xB, 0xE2},
+        {"table ends", query(0xC5, 2048, 1), 0xB, 0xE2},
+        {"read-only word", write(0xC1, 0x40, {0, 0, 1, 0}), 0xB, 0xE2},
+        {"page buffer while protected", write(0xC7, 0, {1, 2, 3, 4}), 0xE, 0xE3},
+        {"page write while protected", write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE, 0xE3},
+    };
+    for (const auto &[name, request, status, code] : refusals) {
+        Capture line;
+        sim::Cm2Instrument cm2(default_config(KAVREL_SIM_CM2), line);
+        feed(cm2, {request}, 0, false);
+        ASSERT_EQ(line.replies.size(), 1u) << name;
+        const auto reply = cm2_reply(line.replies[0].bytes);
+        EXPECT_EQ(std::get<3>(reply) * 0x100 + std::get<4>(reply), status * 0x100 + code) << name;
+    }
+}
 
 TEST(NirModel, SkipsGarbageRefusesABadCrcAndForgetsAFrameCutShort) {
     Capture line;
-    sim::NirInstrument nir(sim_config(KAVREL_SIM_NIR, "N"), line);
-    Bytes stream = {0x00, 0xFF, 0x3F, 0x01};  // unknown bytes, an unknown query
-    const Bytes version = nir_frame({'V'});
-    stream.insert(stream.end(), version.begin(), version.end());
-    for (size_t i = 0; i < stream.size(); ++i) nir.receive(&stream[i], 1, 5.0);
+    sim::NirInstrument nir(default_config(KAVREL_SIM_NIR), line);
     Bytes bad = nir_frame({'t'});
     bad.back() ^= 1;
-    send(nir, bad, 6.0);
-    send(nir, nir_frame({0xAF, 0x00, 0x02, 1, 2, 3, 4, 5, 6, 7}), 7.0);  // the protection is closed
-    send(nir, {0x69, 0x00, 0x01}, 8.0);                                  // cut short, then silence
-    send(nir, nir_frame({0x3F, 0x40}), 200.0);
+    // Unknown bytes and an unknown query, then the version.
+    feed(nir, {{0x00, 0xFF, 0x3F, 0x01}, nir_frame({'V'})}, 5.0);
+    // A bad CRC, a page write while the protection is closed, a setting cut
+    // short and silence, then a query of the level output.
+    feed(nir, {bad, nir_frame({0xAF, 0x00, 0x02, 1, 2, 3, 4, 5, 6, 7}), {0x69, 0x00, 0x01}}, 6.0, false);
+    feed(nir, {nir_frame({0x3F, 0x40})}, 200.0, false);
 
     ASSERT_EQ(line.replies.size(), 4u);
     EXPECT_EQ(line.replies[0].bytes,

@@ -25,46 +25,34 @@ bool wait_readable(int fd) {
     return ::poll(&p, 1, 10000) == 1;
 }
 
-int check(pid_t server, int from_server) {
+bool check(int from_server) {
     std::string path;
     char c;
     while (wait_readable(from_server) && ::read(from_server, &c, 1) == 1 && c != '\n') path += c;
     const int tty = ::open(path.c_str(), O_RDWR | O_NOCTTY);
-    if (tty < 0) {
-        std::fprintf(stderr, "sim_pty_query: no terminal at '%s'\n", path.c_str());
-        return 1;
-    }
+    if (tty < 0) return std::fprintf(stderr, "sim_pty_query: no terminal at '%s'\n", path.c_str()), false;
     termios raw{};
     ::tcgetattr(tty, &raw);
     ::cfmakeraw(&raw);
     ::tcsetattr(tty, TCSANOW, &raw);
     ::tcflush(tty, TCIOFLUSH);
 
-    uint8_t query[32];
+    uint8_t query[32], buffer[256];
     kavrel_direct_build_query(0xC1, 0x000046, 4, query);
-    if (::write(tty, query, 10) != 10 || ::write(tty, query + 10, 22) != 22) return 1;
-
-    const size_t expected = 32 + 16;
+    if (::write(tty, query, 10) != 10 || ::write(tty, query + 10, 22) != 22) return false;
     std::vector<uint8_t> reply;
-    uint8_t buffer[256];
-    while (reply.size() < expected && wait_readable(tty)) {
-        const ssize_t n = ::read(tty, buffer, sizeof buffer);
-        if (n <= 0) break;
+    for (ssize_t n = 0; reply.size() < 32 + 16 && wait_readable(tty) && (n = ::read(tty, buffer, 256)) > 0;)
         reply.insert(reply.end(), buffer, buffer + n);
-    }
     ::close(tty);
-    ::kill(server, SIGTERM);
 
     static cm2_packet packet;
-    if (reply.size() != expected ||
+    if (reply.size() != 32 + 16 ||
         kavrel_direct_parse_response(reply.data(), static_cast<int32_t>(reply.size()), &packet) != 0 ||
         !packet.crc_ok || packet.ans_reply != 0xAC || packet.pio_addr != 0x46 ||
-        std::memcmp(packet.data, "KSIM-CM2-2048\0\0\0", 16) != 0) {
-        std::fprintf(stderr, "sim_pty_query: %zu bytes, not the model reply\n", reply.size());
-        return 1;
-    }
+        std::memcmp(packet.data, "KSIM-CM2-2048\0\0\0", 16) != 0)
+        return std::fprintf(stderr, "sim_pty_query: %zu bytes, not the model reply\n", reply.size()), false;
     std::printf("sim_pty_query: %s answered %.16s\n", path.c_str(), reinterpret_cast<char *>(packet.data));
-    return 0;
+    return true;
 }
 
 }  // namespace
@@ -79,11 +67,10 @@ int main(int argc, char **argv) {
         _exit(127);
     }
     ::close(out[1]);
-    const int result = server > 0 ? check(server, out[0]) : 1;
+    const bool passed = server > 0 && check(out[0]);
     if (server > 0) {
         ::kill(server, SIGTERM);
-        int status = 0;
-        ::waitpid(server, &status, 0);
+        ::waitpid(server, nullptr, 0);
     }
-    return result;
+    return passed ? 0 : 1;
 }

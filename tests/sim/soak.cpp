@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <map>
@@ -39,8 +38,7 @@ namespace {
 struct Watch : platform::Forwarder {
     using Forwarder::Forwarder;
     std::map<platform::Handle, uint32_t> read_limit;
-    double last_byte_ms = 0;
-    double longest_silence_ms = 0;
+    double last_byte_ms = 0, longest_silence_ms = 0;
     std::string broken;
 
     platform::Status set_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
@@ -49,53 +47,37 @@ struct Watch : platform::Forwarder {
     }
     platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *written) {
         note_byte(now_ms());
-        last_byte_ms = now_ms();
         return Forwarder::write(h, b, n, written);
     }
     platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *returned) {
         const double started = now_ms();
         const platform::Status status = Forwarder::read(h, b, n, returned);
-        const double now = now_ms();
-        if (now - started > read_limit[h] + 1e-6 && broken.empty())
-            broken = "a read waited " + std::to_string(now - started) + " ms past a limit of " +
-                     std::to_string(read_limit[h]) + " ms";
-        if (*returned > 0) note_byte(now);
+        if (now_ms() - started > read_limit[h] + 1e-6) broken = "a read outlasted the limit in force";
+        if (*returned > 0) note_byte(now_ms());
         return status;
     }
     void note_byte(double now) {
-        if (now - last_byte_ms > longest_silence_ms) longest_silence_ms = now - last_byte_ms;
+        longest_silence_ms = std::max(longest_silence_ms, now - last_byte_ms);
         last_byte_ms = now;
     }
 };
 
-struct Instrument {
-    kavrel_sim_config config;
-    int slot;
-};
-
-const uint32_t kKinds[] = {KAVREL_SIM_CM2, KAVREL_SIM_NIR, KAVREL_SIM_CM2, KAVREL_SIM_NIR};
-
 // A fault of a random kind, lasting one to three requests, with a parameter
 // around the limits it tests.
 kavrel_sim_fault random_fault(std::mt19937_64 &random) {
-    kavrel_sim_fault f{};
-    f.kind = static_cast<uint32_t>(random() % KAVREL_SIM_FAULT_WRITE_FAILURE + 1);
-    f.count = static_cast<uint32_t>(random() % 3 + 1);
-    switch (f.kind) {
-        case KAVREL_SIM_FAULT_DELAY: f.parameter = static_cast<uint32_t>(random() % 1500); break;
-        case KAVREL_SIM_FAULT_TRUNCATE: f.parameter = static_cast<uint32_t>(random() % 48); break;
-        case KAVREL_SIM_FAULT_REPLY_CODE: f.parameter = static_cast<uint32_t>(0xE0 + random() % 4); break;
-        case KAVREL_SIM_FAULT_TRICKLE: f.parameter = static_cast<uint32_t>(random() % 300 + 1); break;
-        default: break;
-    }
-    return f;
+    const auto kind = static_cast<uint32_t>(random() % KAVREL_SIM_FAULT_WRITE_FAILURE + 1);
+    const auto count = static_cast<uint32_t>(random() % 3 + 1);
+    const uint64_t parameter = kind == KAVREL_SIM_FAULT_DELAY        ? random() % 1500
+                               : kind == KAVREL_SIM_FAULT_TRUNCATE   ? random() % 48
+                               : kind == KAVREL_SIM_FAULT_REPLY_CODE ? 0xE0 + random() % 4
+                               : kind == KAVREL_SIM_FAULT_TRICKLE    ? random() % 300 + 1
+                                                                     : 0;
+    return {kind, count, static_cast<uint32_t>(parameter), 0};
 }
 
 // The results the header gives for op on a device of that protocol.
-bool allowed(const Operation &op, uint32_t protocol, int32_t rc) {
-    const bool nir = protocol == KAVREL_DIRECT_PROTOCOL_NIR;
+bool allowed(const Operation &op, bool nir, int32_t rc) {
     if (op.cm2_only && nir) return rc == KAVREL_DIRECT_ERR_UNSUPPORTED;
-    if (rc >= 0) return true;  // success, or a byte count
     switch (rc) {
         case KAVREL_DIRECT_ERR_IO:
         case KAVREL_DIRECT_ERR_CRC:
@@ -104,7 +86,7 @@ bool allowed(const Operation &op, uint32_t protocol, int32_t rc) {
         case KAVREL_DIRECT_ERR_WRITE_PROTECT: return !nir;
         case KAVREL_DIRECT_ERR_GENERIC:
         case KAVREL_DIRECT_ERR_INVALID_ARG: return op.spectral;
-        default: return false;
+        default: return rc >= 0;  // success, or a byte count
     }
 }
 
@@ -114,8 +96,8 @@ int main(int argc, char **argv) {
     uint64_t seed = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     long requests = 20000;
     for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--seed") == 0) seed = std::strtoull(argv[i + 1], nullptr, 10);
-        if (std::strcmp(argv[i], "--requests") == 0) requests = std::strtol(argv[i + 1], nullptr, 10);
+        if (std::strcmp(argv[i], "--seed") == 0) seed = std::stoull(argv[i + 1]);
+        if (std::strcmp(argv[i], "--requests") == 0) requests = std::stol(argv[i + 1]);
     }
     std::printf("soak: seed %llu, %ld requests\n", static_cast<unsigned long long>(seed), requests);
     std::mt19937_64 random(seed);
@@ -125,76 +107,68 @@ int main(int argc, char **argv) {
     use_provider(&watched);
     kavrel_sim_reset();
     kavrel_sim_set_virtual_time(1);
-    Instrument instruments[4];
+    kavrel_sim_config configs[4];  // in slots 0 to 3
     for (int i = 0; i < 4; ++i) {
-        kavrel_sim_default_config(kKinds[i], &instruments[i].config);
-        std::snprintf(instruments[i].config.chip_serial, sizeof instruments[i].config.chip_serial, "SOAK%d",
-                      i);
-        instruments[i].config.seed = seed + static_cast<uint64_t>(i);
-        if (kavrel_sim_attach(&instruments[i].config) != KAVREL_DIRECT_OK ||
-            kavrel_direct_open_device_by_chip_serial(instruments[i].config.chip_serial) != KAVREL_DIRECT_OK) {
-            std::printf("soak: cannot attach and open %s\n", instruments[i].config.chip_serial);
+        kavrel_sim_default_config(i % 2 ? KAVREL_SIM_NIR : KAVREL_SIM_CM2, &configs[i]);
+        std::snprintf(configs[i].chip_serial, sizeof configs[i].chip_serial, "SOAK%d", i);
+        configs[i].seed = seed + static_cast<uint64_t>(i);
+        if (kavrel_sim_attach(&configs[i]) != KAVREL_DIRECT_OK ||
+            kavrel_direct_open_device_by_chip_serial(configs[i].chip_serial) != KAVREL_DIRECT_OK ||
+            g_active_index != i) {
+            std::printf("soak: cannot attach and open %s\n", configs[i].chip_serial);
             return 1;
         }
-        instruments[i].slot = g_active_index;
     }
 
     const double started_ms = kavrel_sim_now_ms();
     const auto out = std::make_unique<Outputs>();
     long failures = 0, faults = 0;
-    int problems = 0;
-    for (long n = 0; n < requests && problems == 0; ++n) {
-        const Instrument &device = instruments[random() % 4];
+    std::string problem;
+    for (long n = 0; n < requests && problem.empty(); ++n) {
+        const int device = static_cast<int>(random() % 4);
+        const kavrel_sim_config &config = configs[device];
         const Operation &op = kEveryOperation[random() % std::size(kEveryOperation)];
-        kavrel_direct_select_device(device.slot);
-        const bool nir = device.config.instrument == KAVREL_SIM_NIR;
+        kavrel_direct_select_device(device);
+        const bool nir = config.instrument == KAVREL_SIM_NIR;
         // Inside either instrument's range.
         g_select_from = nir ? 1200 : 500;
         g_select_to = nir ? 1250 : 540;
-        kavrel_sim_fault fault{};
-        if (random() % 3 == 0) {
-            fault = random_fault(random);
-            kavrel_sim_inject_fault(device.config.chip_serial, &fault);
-            ++faults;
-        }
+        const kavrel_sim_fault fault = random() % 3 == 0 ? random_fault(random) : kavrel_sim_fault{};
+        if (fault.kind != 0)
+            faults += kavrel_sim_inject_fault(config.chip_serial, &fault) == KAVREL_DIRECT_OK;
 
         out->fill();
         watch.last_byte_ms = kavrel_sim_now_ms();
         watch.longest_silence_ms = 0;
         const int32_t rc = op.call(*out);
         watch.note_byte(kavrel_sim_now_ms());
-        const device_slot &slot = g_devices[device.slot];
+        const device_slot &slot = g_devices[device];
         // The longest wait the library allows itself: a spectrum, or the
         // quiet time of a flash transfer, and one poll of the NIR reader.
         const double longest =
             std::max<double>(spectrum_time_limit_ms(slot.integration_time, slot.average_number), 1000) + 60;
 
-        std::string problem = watch.broken;
-        if (!allowed(op, nir ? KAVREL_DIRECT_PROTOCOL_NIR : KAVREL_DIRECT_PROTOCOL_CM2, rc))
-            problem = "a result the header does not give";
-        else if (rc < 0 && !out->untouched())
-            problem = "outputs written by a call that failed";
-        else if (watch.longest_silence_ms > longest)
+        problem = watch.broken;
+        if (!allowed(op, nir, rc)) problem = "a result the header does not give";
+        if (rc < 0 && !out->untouched()) problem = "outputs written by a call that failed";
+        if (watch.longest_silence_ms > longest)
             problem = "waited " + std::to_string(watch.longest_silence_ms) + " ms in silence";
-
         if (rc < 0 || fault.kind != 0) {
             failures += rc < 0;
             // Whatever is still on its way lands (a trickle takes its time
             // over a reply of up to 16 KiB), and the next request drops it.
-            kavrel_sim_clear_faults(device.config.chip_serial);
+            kavrel_sim_clear_faults(config.chip_serial);
             kavrel_sim_sleep_ms(10000 +
                                 (fault.kind == KAVREL_SIM_FAULT_TRICKLE ? fault.parameter * 16400 : 0));
             char model[40] = {};
-            if (problem.empty() && (kavrel_direct_get_device_model(model, sizeof model) != KAVREL_DIRECT_OK ||
-                                    std::strcmp(model, device.config.model) != 0))
+            if (kavrel_direct_get_device_model(model, sizeof model) != KAVREL_DIRECT_OK ||
+                std::strcmp(model, config.model) != 0)
                 problem = std::string("the next clean request answered \"") + model + "\"";
         }
-        if (!problem.empty()) {
+        if (!problem.empty())
             std::printf("soak: request %ld, %s on %s, fault %u (count %u, parameter %u): result %d: %s\n", n,
-                        op.name, device.config.chip_serial, fault.kind, fault.count, fault.parameter,
+                        op.name, config.chip_serial, fault.kind, fault.count, fault.parameter,
                         static_cast<int>(rc), problem.c_str());
-            ++problems;
-        }
     }
     const bool all_open = kavrel_direct_get_open_device_count() == 4;
     const double virtual_s = (kavrel_sim_now_ms() - started_ms) / 1000;
@@ -202,7 +176,6 @@ int main(int argc, char **argv) {
     kavrel_sim_reset();
     use_provider(nullptr);
     std::printf("soak: %ld faults injected, %ld calls failed as allowed, %.0f s of virtual time%s\n", faults,
-                failures, virtual_s, problems == 0 && all_open ? ", no broken promise" : "");
-    if (!all_open) std::printf("soak: a device closed itself\n");
-    return problems == 0 && all_open ? 0 : 1;
+                failures, virtual_s, all_open ? "" : ", and a device closed itself");
+    return problem.empty() && all_open ? 0 : 1;
 }
