@@ -59,20 +59,18 @@ void operator delete(void *memory, size_t) noexcept {
 namespace kavrel::test {
 namespace {
 
+// Counts while it lives; Counting(-1) pauses the count.
 struct Counting {
-    Counting() { ++t_counting; }
-    ~Counting() { --t_counting; }
-};
-struct Paused {
-    Paused() { --t_counting; }
-    ~Paused() { ++t_counting; }
+    explicit Counting(int step = 1) : step(step) { t_counting += step; }
+    ~Counting() { t_counting -= step; }
+    const int step;
 };
 
 // Stands in front of the fake bridge and stops the count for every call
 // into it: the fake instrument's allocations are not the library's.
 #define UNCOUNTED(result, call, params, ...)                    \
     result call params {                                         \
-        Paused p;                                                \
+        Counting paused(-1);                                     \
         return Forwarder::call(__VA_ARGS__);                     \
     }
 struct Uncounted : platform::Forwarder {
@@ -111,7 +109,6 @@ protected:
         DeviceTest::SetUp();
         use_provider(&table);
         model.table = {400, 410, 420, 430, 440};
-        model.spectrum = {10, 11, 12, 13, 14};
         model.serve(bridge, GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001"), GetParam());
     }
     void TearDown() override {
@@ -119,19 +116,12 @@ protected:
         DeviceTest::TearDown();
     }
 
-    // The state every call starts from: no point count cached, points 1 to
-    // 3 selected, the library's first-use statics already made.
-    void prepare() {
-        active().wavelength_count = 0;
-        active().selection_valid = 1;
-        active().start_index = 1;
-        active().end_index = 3;
-        active().selected_count = 3;
-    }
-
+    // Every call starts with no point count cached, points 1 to 3 selected,
+    // the library's first-use statics already made.
     // Runs the operation with the nth allocation failing (0: none).
     int32_t run(const Operation &op, Outputs &out, int nth) {
-        prepare();
+        device_slot &s = active();
+        s.wavelength_count = 0, s.selection_valid = 1, s.start_index = 1, s.end_index = 3, s.selected_count = 3;
         out.fill();
         g_counted = g_live_count = 0;
         g_fail_at = nth;
@@ -213,9 +203,7 @@ TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
 #endif
 
 INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool> &info) {
-                             return info.param ? "Nir" : "Cm2";
-                         });
+                         [](const auto &info) { return info.param ? "Nir" : "Cm2"; });
 
 }  // namespace
 }  // namespace kavrel::test

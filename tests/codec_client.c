@@ -21,37 +21,19 @@
 #define DATA_BYTES 40
 #define PACKET_BYTES (28 + DATA_BYTES + 4)
 
-static void store_be(uint8_t *at, uint32_t value, int bytes) {
-    int i;
-    for (i = bytes - 1; i >= 0; --i) {
-        at[i] = (uint8_t)(value & 0xFF);
-        value >>= 8;
-    }
-}
-
 /* A data reply from the spectrum register as an instrument sends it: the
  * preamble, the 20-byte header, the data words and the CRC-32 over all but
  * the preamble. */
 static void build_reply(uint8_t *packet) {
+    static const uint8_t head[28] = {0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0x10, 0x00,
+                                     0x02, 0x00, 0x01, 0xE0, 0x07, 0x00, DATA_BYTES / 4, 0x00,
+                                     DATA_BYTES / 4, 1, 1, 0xC6, 0x01, 0x23, 0x45, 0x00, 0x00, 0xAC};
+    uint32_t crc;
     int i;
-    memset(packet, 0xAA, 7);
-    packet[7] = 0xAB;
-    packet[8] = 0x10;
-    store_be(packet + 9, 0x0002, 2);
-    store_be(packet + 11, 0x0001, 2);
-    packet[13] = 0xE0;
-    packet[14] = 0x07;
-    store_be(packet + 15, DATA_BYTES / 4, 2);
-    store_be(packet + 17, DATA_BYTES / 4, 2);
-    packet[19] = 1;
-    packet[20] = 1;
-    packet[21] = 0xC6;
-    store_be(packet + 22, 0x012345, 3);
-    packet[25] = 0x00;
-    packet[26] = 0x00;
-    packet[27] = 0xAC;
+    memcpy(packet, head, sizeof head);
     for (i = 0; i < DATA_BYTES; ++i) packet[28 + i] = (uint8_t)(i * 7 + 3);
-    store_be(packet + PACKET_BYTES - 4, kavrel_direct_crc32(packet + 8, PACKET_BYTES - 12), 4);
+    crc = kavrel_direct_crc32(packet + 8, PACKET_BYTES - 12);
+    for (i = 0; i < 4; ++i) packet[PACKET_BYTES - 4 + i] = (uint8_t)(crc >> (24 - 8 * i));
 }
 
 static cm2_packet parsed;

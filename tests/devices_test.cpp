@@ -1,7 +1,6 @@
 // Listing and opening bridges, the table of open devices, the providers and
 // the frame every exported call runs in.
 #include <cstring>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -33,9 +32,8 @@ std::string table() {
     uint32_t protocol = 0, capabilities = 0;
     kavrel_direct_get_device_protocol(&protocol);
     kavrel_direct_get_capabilities(&capabilities);
-    return std::to_string(protocol) + " " + std::to_string(capabilities) + " " +
-           std::to_string(kavrel_direct_get_open_device_count()) + " " + std::to_string(g_active_index) +
-           " " + std::to_string(kavrel_direct_is_open());
+    return str(protocol, capabilities, kavrel_direct_get_open_device_count(), g_active_index,
+               kavrel_direct_is_open());
 }
 
 TEST_F(Devices, ListingPrintsEveryBridgeAndFailsQuietly) {
@@ -79,10 +77,8 @@ TEST_F(Devices, OpeningConfiguresTheBridgeThenProbesCm2ThenNir) {
               "write 32, timeouts 200 5000, read 28:0, purge 3, write 3, timeouts 50 5000, read 16384:6, "
               "(read 16378:0, sleep 5) x9, read 16378:0, timeouts 5000 5000");
     EXPECT_EQ(table(), "2 511 1 0 1");
-    const device_slot &slot = active();
-    EXPECT_EQ(std::to_string(slot.integration_time) + " " + std::to_string(slot.average_number) + " " +
-                  std::to_string(slot.wavelength_count) + " " + std::to_string(slot.selection_valid) + " " +
-                  slot.chip_serial,
+    const device_slot &s = active();
+    EXPECT_EQ(str(s.integration_time, s.average_number, s.wavelength_count, s.selection_valid, s.chip_serial),
               "10000 1 0 0 NIRDEV");
 }
 
@@ -156,50 +152,25 @@ TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
 }
 
 // Drivers that misbehave inside a call. Thrown: no exception crosses the C
-// boundary. Called back from a read, as a driver's event callback might:
-// each such call is refused at once instead of waiting for the locks its
-// caller holds. Overstating a read: believed, it would send the library past
-// the end of its buffer.
-struct Misbehaving : platform::Forwarder {
-    using Forwarder::Forwarder;
-    std::function<void()> fault = [] {}, in_read = [] {};
-    bool overstate = false;
-    platform::Status create_device_info_list(uint32_t *count) {
-        return fault(), Forwarder::create_device_info_list(count);
-    }
-    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *w) {
-        return fault(), Forwarder::write(h, b, n, w);
-    }
-    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *r) {
-        in_read();
-        const platform::Status status = Forwarder::read(h, b, n, r);
-        if (overstate && n > 0 && *r == n) *r = n + 7;
-        return status;
-    }
-};
-
-class Misbehaved : public DeviceTest {
-protected:
-    Misbehaving driver{platform::current()};
-    const platform::Platform provider = platform::provider_table("misbehaving", driver);
-    void SetUp() override { DeviceTest::SetUp(), use_provider(&provider); }
-};
-
-TEST_F(Misbehaved, ExceptionsFromTheProviderBecomeResults) {
+// boundary. Called back, as a driver's event callback might: each such call
+// is refused at once instead of waiting for the locks its caller holds.
+// Overstating a read: believed, it would send the library past the end of
+// its buffer.
+TEST_F(Devices, ExceptionsFromTheProviderBecomeResults) {
     open_cm2();
     uint32_t time = 0;
-    driver.fault = [] { throw std::bad_alloc(); };
+    bridge.during = [] { throw std::bad_alloc(); };
     EXPECT_EQ(kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(kavrel_direct_scan_devices(), 0u);
-    driver.fault = [] { throw std::runtime_error("driver"); };
+    bridge.during = [] { throw std::runtime_error("driver"); };
     EXPECT_EQ(kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_ERR_GENERIC);
 }
 
-TEST_F(Misbehaved, CallsBackInAreRefusedAndDoNothing) {
+TEST_F(Devices, CallsBackInAreRefusedAndDoNothing) {
     bridge.reply_any(open_cm2(), at_once(cm2_reply(0xC1, 0x40, {0, 0, 1, 0x90})));
     float degrees = 0;
     std::vector<int64_t> results, refused{KAVREL_DIRECT_ERR_GENERIC, KAVREL_DIRECT_ERR_GENERIC, 0};
-    driver.in_read = [&] {
+    bridge.during = [&] {
         results = {kavrel_direct_get_temperature(&degrees), kavrel_direct_open_device(0),
                    kavrel_direct_scan_devices()};
         kavrel_direct_close_all_devices();
@@ -211,12 +182,12 @@ TEST_F(Misbehaved, CallsBackInAreRefusedAndDoNothing) {
 
 // The table queries answer at once while another thread waits in an
 // exchange; a close waits for that exchange.
-TEST_F(Misbehaved, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
+TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
     bridge.reply_any(open_cm2(), at_once(cm2_reply(0xC6, 0, Bytes(8, 1))));
     active().wavelength_count = 4;
     std::promise<void> reading, go_on;
     std::once_flag first;
-    driver.in_read = [&] { std::call_once(first, [&] { reading.set_value(), go_on.get_future().wait(); }); };
+    bridge.during = [&] { std::call_once(first, [&] { reading.set_value(), go_on.get_future().wait(); }); };
     int32_t result = 1;
     std::thread reader([&] {
         uint16_t samples[4];
@@ -235,9 +206,9 @@ TEST_F(Misbehaved, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
               "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
 }
 
-TEST_F(Misbehaved, AReadOverstatedIsNotBelieved) {
+TEST_F(Devices, AReadOverstatedIsNotBelieved) {
     const int device = open_nir();
-    driver.overstate = true;
+    bridge.overstate = 7;
     uint8_t reply[5] = {};
     uint32_t length = sizeof reply;
     bridge.reply_any(device, at_once({1, 2, 3, 4, 5, 6}));

@@ -139,11 +139,11 @@ TEST_P(Exchanges, Traffic) {
     const auto reg = static_cast<uint8_t>(c.a);
     bridge.expect(device, c.nir ? nir_frame({'V'}) : cm2_query_bytes(reg, 0x41, static_cast<uint16_t>(c.b)),
                   c.reply);
-    const double start = bridge.now();
+    const double start = bridge.now_ms();
     EXPECT_EQ(c.nir ? nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b)
                     : cm2_query(reg, 0x41, c.b, answer, sizeof answer, &length),
               c.result);
-    EXPECT_EQ(bridge.now() - start, c.ms);
+    EXPECT_EQ(bridge.now_ms() - start, c.ms);
     EXPECT_EQ(length, c.length);
     const size_t first = c.nir ? 1 : 28;  // where the reply's data begins
     EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
@@ -156,15 +156,19 @@ TEST_P(Exchanges, Traffic) {
 INSTANTIATE_TEST_SUITE_P(Cases, Exchanges, ::testing::ValuesIn(kCases),
                          [](const auto &info) { return std::string(info.param.name); });
 
+void trace_timing(bool on) {
+#ifdef _WIN32
+    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", on ? "1" : "");
+#else
+    on ? setenv("KAVREL_DIRECT_TRACE_TIMING", "", 1) : unsetenv("KAVREL_DIRECT_TRACE_TIMING");
+#endif
+}
+
 // Being set is enough, even to nothing (where the platform keeps an empty
 // variable); the line is printed before the reply is judged.
 TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
     open(false);
-#ifdef _WIN32
-    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "1");
-#else
-    setenv("KAVREL_DIRECT_TRACE_TIMING", "", 1);
-#endif
+    trace_timing(true);
     auto traced = [&](uint8_t reg, std::vector<Chunk> reply, int32_t result) {
         bridge.reply_any(device, std::move(reply));
         ::testing::internal::CaptureStdout();
@@ -178,11 +182,7 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
     EXPECT_EQ(
         traced(0xC6, at_once(cm2_reply(0xC6, 0, {}, 0xE1)), CRC),
         "[trace C6] write=0.000 ms, wait_header=0.000 ms, read_body=0.000 ms, total=0.000 ms, expected=32\n");
-#ifdef _WIN32
-    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "");
-#else
-    unsetenv("KAVREL_DIRECT_TRACE_TIMING");
-#endif
+    trace_timing(false);
 }
 
 // Writes refused before anything is sent; a write the bridge takes only part
@@ -204,7 +204,12 @@ TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
     EXPECT_EQ(answer[0], 0xEE);
 }
 
+// With no device open, first; then commands of 1 to 8190 bytes.
 TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
+    int32_t received = 0;
+    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(nir_read_available(answer, 64, &received, 500), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(cm2_query(0xC1, 0, 1, answer, 64, &length), KAVREL_DIRECT_ERR_NOT_OPEN);
     open(true);
     const Bytes big(8191, 0x11);
     EXPECT_EQ(nir_send_command(big.data(), 0, answer, &length, 32, 300), KAVREL_DIRECT_ERR_INVALID_ARG);
@@ -251,13 +256,6 @@ TEST_F(Exchange, RawPassThroughCollectsUntilTheLineStaysSilent) {
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 0});  // nothing taken
     EXPECT_EQ(kavrel_direct_send_recv(&command, 1, reply, &size), KAVREL_DIRECT_ERR_IO);
     EXPECT_EQ(size, 5u);
-}
-
-TEST_F(Exchange, NeedAnOpenDevice) {
-    int32_t received = 0;
-    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), KAVREL_DIRECT_ERR_NOT_OPEN);
-    EXPECT_EQ(nir_read_available(answer, 64, &received, 500), KAVREL_DIRECT_ERR_NOT_OPEN);
-    EXPECT_EQ(cm2_query(0xC1, 0, 1, answer, 64, &length), KAVREL_DIRECT_ERR_NOT_OPEN);
 }
 
 }  // namespace

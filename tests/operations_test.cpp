@@ -5,7 +5,6 @@
 #include <cstring>
 #include <functional>
 #include <limits>
-#include <sstream>
 
 #include "support/device_fixture.h"
 #include "support/spectral_model.h"
@@ -68,13 +67,6 @@ Script times(int n, const Traffic &t) {
 
 device_slot &slot() {
     return g_devices[g_active_index];
-}
-
-template <typename... T>
-std::string str(const T &...values) {
-    std::ostringstream s;
-    ((s << (s.tellp() > 0 ? " " : "") << +values), ...);
-    return s.str();
 }
 
 // The outputs on success; on failure "" while they are left alone.
@@ -429,7 +421,7 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     const int device = row.nir ? open_nir() : open_cm2();
     for (const Traffic &t : row.traffic)
         bridge.expect(device, t.request, t.reply.empty() ? std::vector<Chunk>{} : at_once(t.reply));
-    const double start = bridge.now();
+    const double start = bridge.now_ms();
     Out out;
     EXPECT_EQ(row.call(out), row.result);
     EXPECT_EQ(out, row.out);
@@ -437,7 +429,7 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     EXPECT_EQ(std::count_if(bridge.calls.begin(), bridge.calls.end(), writes),
               static_cast<std::ptrdiff_t>(row.traffic.size()));
     if (row.ms >= 0) {
-        EXPECT_EQ(bridge.now() - start, row.ms);
+        EXPECT_EQ(bridge.now_ms() - start, row.ms);
     }
 }
 

@@ -90,6 +90,7 @@ int FakeBridge::index_of(platform::Handle handle) const {
 }
 
 platform::Status FakeBridge::create_device_info_list(uint32_t *count) {
+    during();
     record("list");
     *count = create_status == 0 ? static_cast<uint32_t>(instruments_.size()) : 0;
     return create_status;
@@ -126,6 +127,7 @@ platform::Status FakeBridge::purge(platform::Handle h, uint32_t mask) {
 }
 
 platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written) {
+    during();
     record("write", count);
     const Bytes data(static_cast<const uint8_t *>(bytes), static_cast<const uint8_t *>(bytes) + count);
     FakeInstrument &device = instrument(index_of(h));
@@ -143,17 +145,19 @@ platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32
     } else if (device.responder) {
         reply = device.responder(data);
     }
-    double at = now();
+    double at = now_ms();
     for (const Chunk &chunk : reply) device.inbox->deliver(chunk.bytes, at += chunk.delay_ms);
     return 0;
 }
 
 platform::Status FakeBridge::read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned) {
+    during();
     FakeInstrument &device = instrument(index_of(h));
     *returned = 0;
     if (device.fail_read_after >= 0 && device.fail_read_after-- == 0) return record("read", count), 4;
     *returned = static_cast<uint32_t>(
         device.inbox->read(static_cast<uint8_t *>(buffer), count, device.read_limit_ms));
+    if (count > 0 && *returned == count) *returned += overstate;
     record("read", count, *returned);
     return 0;
 }

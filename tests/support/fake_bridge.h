@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -69,7 +70,6 @@ public:
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
     void expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
     void reply_any(int index, std::vector<Chunk> reply);
-    double now() const { return clock_.now_ms(); }
 
     std::vector<BridgeCall> calls;
     // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28" (a
@@ -79,6 +79,11 @@ public:
     size_t unplayed_steps() const;  // traffic that was expected and never came
 
     uint32_t create_status = 0, get_status = 0, open_status = 0;
+    // A driver that misbehaves: runs inside listing, writes and reads before
+    // they act (to throw, or to call the library back); a read that fills
+    // its count reports overstate bytes more.
+    std::function<void()> during = [] {};
+    uint32_t overstate = 0;
 
     // The provider's calls, filled into the table by name.
     platform::Status create_device_info_list(uint32_t *count);
@@ -119,6 +124,13 @@ Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_
 // NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
 Bytes nir_frame(const Bytes &command);
 Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
+// Values in one line, apart by spaces; bytes as numbers.
+template <typename... T>
+std::string str(const T &...values) {
+    std::ostringstream s;
+    ((s << (s.tellp() > 0 ? " " : "") << +values), ...);
+    return s.str();
+}
 // The whole reply, arriving at once.
 inline std::vector<Chunk> at_once(const Bytes &bytes) {
     return {Chunk{bytes, 0}};

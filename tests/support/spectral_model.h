@@ -1,6 +1,6 @@
 // Wire encodings of spectral data, and a model spectrometer that answers
-// every request, the spectral ones from its own table and spectrum, for
-// tests whose tables vary (selection cases, allocation failures).
+// every request, the spectral ones from its own table, for tests whose
+// tables vary (selection cases, allocation failures).
 #ifndef KAVREL_TESTS_SPECTRAL_MODEL_H
 #define KAVREL_TESTS_SPECTRAL_MODEL_H
 
@@ -41,13 +41,10 @@ inline Bytes concat(std::initializer_list<Bytes> parts) {
 
 struct SpectralModel {
     std::vector<float> table;
-    std::vector<uint16_t> spectrum;
-    Bytes page = Bytes(1024, 0x5A);
 
-    // CM2: every write is acknowledged; queries of the point count, the
-    // table, the spectrum and the page buffer are served from the model, and
-    // any other query gets the words asked for, all 0xAA (so a command
-    // block's status reads back done).
+    // CM2: every write is acknowledged; queries of the point count and the
+    // table are served from the model, and any other query gets the words
+    // asked for, all 0xAA (so a command block's status reads back done).
     std::vector<Chunk> answer_cm2(const Bytes &request) const {
         const uint8_t reg = request[21];
         const uint32_t address = static_cast<uint32_t>(request[22] << 16) | load_be16(&request[23]);
@@ -59,20 +56,15 @@ struct SpectralModel {
         } else if (reg == 0xC5) {
             const auto first = table.begin() + std::min<long>(address, static_cast<long>(table.size()));
             data = le_floats({first, first + std::min<long>(static_cast<long>(words), table.end() - first)});
-        } else if (reg == 0xC6) {
-            data = be_samples(spectrum);
-        } else if (reg == 0xC7) {
-            data.assign(page.begin(), page.begin() + static_cast<long>(std::min(page.size(), 4 * words)));
         }
         return at_once(cm2_reply(reg, address, data));
     }
 
-    // NIR: by command byte; any other command gets 40 bytes of 0xAA.
+    // NIR: the table, a spectrum of as many samples, and 40 bytes of 0xAA
+    // for any other command.
     std::vector<Chunk> answer_nir(const Bytes &frame) const {
         if (frame[0] == 0x3F && frame[1] == 0x53) return at_once(nir_reply(le_floats(table)));
-        if (frame[0] == 0x3F && frame[1] == 0xAF) return at_once(nir_reply(page));
-        if (frame[0] == 0x53) return at_once(nir_reply(be_samples(spectrum)));
-        return at_once(nir_reply(Bytes(40, 0xAA)));
+        return at_once(nir_reply(Bytes(frame[0] == 0x53 ? 2 * table.size() : 40, 0xAA)));
     }
 
     // Makes bridge device answer as this model, in the given protocol.
