@@ -30,9 +30,9 @@ FakeBridge::~FakeBridge() {
     use_provider(nullptr);
 }
 
-void FakeBridge::record(const char *name, uint32_t a, uint32_t b) {
+void FakeBridge::record(std::string call) {
     std::lock_guard<std::mutex> lock(mutex_);
-    calls.push_back({name, a, b});
+    calls.push_back(std::move(call));
 }
 
 int FakeBridge::attach(const std::string &serial) {
@@ -51,14 +51,7 @@ void FakeBridge::reply_any(int index, std::vector<Chunk> reply) {
 }
 
 std::string FakeBridge::trace() const {
-    std::vector<std::string> items;
-    for (const BridgeCall &c : calls) {
-        const std::string a = " " + std::to_string(c.a), b = std::to_string(c.b);
-        items.push_back(c.name + (c.name == "list" || c.name == "reset"     ? ""
-                                  : c.name == "read"                        ? a + ":" + b
-                                  : c.name == "timeouts" || c.name == "usb" ? a + " " + b
-                                                                            : a));
-    }
+    const std::vector<std::string> &items = calls;
     std::string out;
     for (size_t i = 0; i < items.size();) {
         size_t period = 1, times = 1;  // the shortest repeating run here
@@ -97,7 +90,7 @@ platform::Status FakeBridge::create_device_info_list(uint32_t *count) {
 }
 
 platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries, uint32_t *count) {
-    record("entries", *count);
+    record(str("entries", *count));
     if (get_status != 0) return get_status;
     *count = std::min<uint32_t>(*count, static_cast<uint32_t>(instruments_.size()));
     for (uint32_t i = 0; i < *count; ++i) {
@@ -108,27 +101,27 @@ platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries
 }
 
 platform::Status FakeBridge::open(int index, platform::Handle *handle) {
-    record("open", static_cast<uint32_t>(index));
+    record(str("open", index));
     if (open_status != 0) return open_status;
     *handle = &instrument(index);
     return 0;
 }
 
 platform::Status FakeBridge::set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms) {
-    record("timeouts", read_ms, write_ms);
+    record(str("timeouts", read_ms, write_ms));
     instrument(index_of(h)).read_limit_ms = read_ms;
     return 0;
 }
 
 platform::Status FakeBridge::purge(platform::Handle h, uint32_t mask) {
-    record("purge", mask);
+    record(str("purge", mask));
     if (mask & platform::kPurgeRx) instrument(index_of(h)).inbox->purge();
     return 0;
 }
 
 platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written) {
     during();
-    record("write", count);
+    record(str("write", count));
     const Bytes data(static_cast<const uint8_t *>(bytes), static_cast<const uint8_t *>(bytes) + count);
     FakeInstrument &device = instrument(index_of(h));
     *written = count;
@@ -153,13 +146,12 @@ platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32
 platform::Status FakeBridge::read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned) {
     during();
     FakeInstrument &device = instrument(index_of(h));
-    *returned = 0;
-    if (device.fail_read_after >= 0 && device.fail_read_after-- == 0) return record("read", count), 4;
-    *returned = static_cast<uint32_t>(
-        device.inbox->read(static_cast<uint8_t *>(buffer), count, device.read_limit_ms));
+    const bool fails = device.fail_read_after >= 0 && device.fail_read_after-- == 0;
+    *returned = fails ? 0 : static_cast<uint32_t>(device.inbox->read(static_cast<uint8_t *>(buffer), count,
+                                                                      device.read_limit_ms));
     if (count > 0 && *returned == count) *returned += overstate;
-    record("read", count, *returned);
-    return 0;
+    record(str("read", count) + ":" + std::to_string(*returned));
+    return fails ? 4 : 0;
 }
 
 // The tests' own codec: CRC-32 (IEEE 802.3, reflected) and CRC-16/MODBUS bit

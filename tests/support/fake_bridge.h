@@ -30,12 +30,13 @@ namespace kavrel::test {
 
 using Bytes = std::vector<uint8_t>;
 std::string hex(const Bytes &bytes);
-
-struct BridgeCall {
-    std::string name;  // list, entries, open, close, timeouts, latency, usb, purge, reset, write, read, sleep
-    uint32_t a = 0;    // first argument: count asked, index, mask, limit, ms
-    uint32_t b = 0;    // second: write limit, out size; bytes a read returned
-};
+// Values in one line, apart by spaces; bytes as numbers.
+template <typename... T>
+std::string str(const T &...values) {
+    std::ostringstream s;
+    ((s << (s.tellp() > 0 ? " " : "") << +values), ...);
+    return s.str();
+}
 
 struct Chunk {
     Bytes bytes;
@@ -71,10 +72,11 @@ public:
     void expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
     void reply_any(int index, std::vector<Chunk> reply);
 
-    std::vector<BridgeCall> calls;
-    // The calls as "purge 3, write 32, timeouts 200 5000, read 28:28" (a
-    // read shows the count asked and the count returned); a call or a pair
-    // of calls repeated in a row shows once, with " xN".
+    // Each bridge call with its arguments: "purge 3", "write 32", "timeouts
+    // 200 5000", "read 28:28" (the count asked and the count returned).
+    std::vector<std::string> calls;
+    // The calls in one line; a call or a pair of calls repeated in a row
+    // shows once, with " xN".
     std::string trace() const;
     size_t unplayed_steps() const;  // traffic that was expected and never came
 
@@ -89,22 +91,22 @@ public:
     platform::Status create_device_info_list(uint32_t *count);
     platform::Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
     platform::Status open(int index, platform::Handle *handle);
-    platform::Status close(platform::Handle h) { return record("close", index_of(h)), 0; }
+    platform::Status close(platform::Handle h) { return record(str("close", index_of(h))), 0; }
     platform::Status set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms);
-    platform::Status set_latency_timer(platform::Handle, uint8_t ms) { return record("latency", ms), 0; }
+    platform::Status set_latency_timer(platform::Handle, uint8_t ms) { return record(str("latency", ms)), 0; }
     platform::Status set_usb_parameters(platform::Handle, uint32_t in, uint32_t out) {
-        return record("usb", in, out), 0;
+        return record(str("usb", in, out)), 0;
     }
     platform::Status purge(platform::Handle h, uint32_t mask);
     platform::Status reset_device(platform::Handle) { return record("reset"), 0; }
     platform::Status write(platform::Handle h, const void *bytes, uint32_t count, uint32_t *written);
     platform::Status read(platform::Handle h, void *buffer, uint32_t count, uint32_t *returned);
     double now_ms() { return clock_.now_ms(); }
-    void sleep_ms(uint32_t ms) { record("sleep", ms), clock_.sleep_ms(ms); }
+    void sleep_ms(uint32_t ms) { record(str("sleep", ms)), clock_.sleep_ms(ms); }
 
 private:
     int index_of(platform::Handle handle) const;
-    void record(const char *name, uint32_t a = 0, uint32_t b = 0);
+    void record(std::string call);
 
     platform::Clock clock_{platform::Clock::Mode::virtual_time};
     std::deque<FakeInstrument> instruments_;
@@ -124,13 +126,6 @@ Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_
 // NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
 Bytes nir_frame(const Bytes &command);
 Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
-// Values in one line, apart by spaces; bytes as numbers.
-template <typename... T>
-std::string str(const T &...values) {
-    std::ostringstream s;
-    ((s << (s.tellp() > 0 ? " " : "") << +values), ...);
-    return s.str();
-}
 // The whole reply, arriving at once.
 inline std::vector<Chunk> at_once(const Bytes &bytes) {
     return {Chunk{bytes, 0}};
