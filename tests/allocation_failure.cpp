@@ -116,12 +116,13 @@ protected:
         DeviceTest::TearDown();
     }
 
-    // Every call starts with no point count cached, points 1 to 3 selected,
-    // the library's first-use statics already made.
-    // Runs the operation with the nth allocation failing (0: none).
+    // Runs the operation with the nth allocation failing (0: none), from no
+    // point count cached, points 1 to 3 selected, the library's first-use
+    // statics already made.
     int32_t run(const Operation &op, Outputs &out, int nth) {
         device_slot &s = active();
-        s.wavelength_count = 0, s.selection_valid = 1, s.start_index = 1, s.end_index = 3, s.selected_count = 3;
+        s.wavelength_count = 0, s.selection_valid = 1, s.start_index = 1, s.end_index = 3;
+        s.selected_count = 3;
         out.fill();
         g_counted = g_live_count = 0;
         g_fail_at = nth;
@@ -143,9 +144,7 @@ protected:
             EXPECT_EQ(g_counted, nth) << "went on after the failed allocation";
             EXPECT_EQ(g_live_count, 0) << "leaked";
             EXPECT_TRUE(out->untouched()) << "output written on failure";
-            EXPECT_EQ(active().selection_valid, 1u);
-            EXPECT_EQ(active().start_index, 1);
-            EXPECT_EQ(active().selected_count, 3);
+            EXPECT_EQ(str(active().selection_valid, active().start_index, active().selected_count), "1 1 3");
 
             EXPECT_EQ(run(op, *out, 0), result) << "the device does not answer afterwards";
             EXPECT_TRUE(*out == *expected) << "the next answer differs";

@@ -8,12 +8,6 @@
 
 #include "protocol/crc32.h"
 
-namespace kavrel::crc32 {
-void PrintTo(const Path &path, std::ostream *out) {
-    *out << path.name;
-}
-}  // namespace kavrel::crc32
-
 namespace kavrel::test {
 namespace {
 

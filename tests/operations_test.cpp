@@ -38,35 +38,16 @@ constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 const auto Q = cm2_query_bytes;
 const auto N = nir_frame;
 const auto W = cm2_write_bytes;
-Bytes R(const Bytes &data, uint8_t code = 0xAC) {
-    return cm2_reply(0xC1, 0, data, code);
-}
+const auto R = [](const Bytes &data, uint8_t code = 0xAC) { return cm2_reply(0xC1, 0, data, code); };
 const Bytes ACK = R({});
-Bytes status(uint8_t state) {
-    return R({0xC0, state, 0, 0, 0, 0, 0, 0});
-}
-Bytes A(const Bytes &data) {
-    return nir_reply(data);
-}
-Bytes be_doubles(std::initializer_list<double> values) {
-    Bytes out;
-    for (double value : values) {
-        uint64_t bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        for (int shift = 56; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(bits >> shift));
-    }
-    return out;
-}
+const auto status = [](uint8_t state) { return R({0xC0, state, 0, 0, 0, 0, 0, 0}); };
+const auto A = [](const Bytes &data) { return nir_reply(data); };
 Script operator+(Script a, const Script &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
 Script times(int n, const Traffic &t) {
     return Script(static_cast<size_t>(n), t);
-}
-
-device_slot &slot() {
-    return g_devices[g_active_index];
 }
 
 // The outputs on success; on failure "" while they are left alone.
@@ -118,12 +99,12 @@ Call fill(int32_t (*fn)(T *, int32_t), int32_t capacity = 8) {
 // Runs prepare on the slot first; appends the slot's caches: integration
 // time, average number, point count, whether a selection is held.
 Call after(void (*prepare)(device_slot &), Call call) {
-    return [=](Out &out) { return prepare(slot()), call(out); };
+    return [=](Out &out) { return prepare(active()), call(out); };
 }
 Call cached(Call call) {
     return [=](Out &out) {
         const int32_t rc = call(out);
-        const device_slot &s = slot();
+        const device_slot &s = active();
         out += "|" + str(s.integration_time, s.average_number, s.wavelength_count, s.selection_valid);
         return rc;
     };
@@ -214,9 +195,9 @@ Row frame(const char *name, const Bytes &data, int32_t result, const char *out) 
     return {name,
             NIR,
             [](Out &out) {
-                slot().wavelength_count = 99;
+                active().wavelength_count = 99;
                 const int32_t rc = fill(kavrel_direct_get_full_spectrum_data)(out);
-                return out += "|" + str(slot().wavelength_count), rc;
+                return out += "|" + str(active().wavelength_count), rc;
             },
             {{N({0x53}), A(data)}},
             result,
@@ -339,10 +320,10 @@ const Row kRows[] = {
 
     // Wavelength calibration.
     {"Coefficients", CM2, kCoefficients,
-     {{Q(0xC1, 0x20, 8), R(be_doubles({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK,
+     {{Q(0xC1, 0x20, 8), R(encode<double>({1.5, -2.25e-3, 3.0e-7, 400.125}))}}, OK,
      "1.5 -0.00225 3e-07 400.125 ."},
     {"CoefficientsOfALongerReply", NIR, kCoefficients,
-     {{N({0x78}), A(concat({be_doubles({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4 ."},
+     {{N({0x78}), A(concat({encode<double>({1, 2, 3, -4}), Bytes(8, 0xFF)}))}}, OK, "1 2 3 -4 ."},
     {"CountOfNoWholeEntry", NIR, GET(wavelength_count), {{N({0x3F, 0x53}), A(Bytes(10, 1))}}, IO},
     {"Table", CM2, cached(FILL(full_wavelength_data, 3)),
      {kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({400.5f, 500.25f, -1.0f}))}}, OK,

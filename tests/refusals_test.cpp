@@ -22,15 +22,12 @@ double d[8];
 char text[16];
 kavrel_direct_wavelength_selection selection;
 
-device_slot &slot() {
-    return g_devices[g_active_index];
-}
 // Three points selected; nine points cached (with a device open).
 void select_three() {
-    if (g_active_index >= 0) slot().selection_valid = 1, slot().selected_count = 3;
+    if (g_active_index >= 0) active().selection_valid = 1, active().selected_count = 3;
 }
 void cache_nine() {
-    if (g_active_index >= 0) slot().wavelength_count = 9;
+    if (g_active_index >= 0) active().wavelength_count = 9;
 }
 
 struct Refusal {
@@ -39,18 +36,11 @@ struct Refusal {
     int32_t cm2, nir, closed = CLOSED;
 };
 
+// clang-format off
 // A call, quoted for the failure message, and its results on a CM2
 // instrument, on an NIR instrument and with no device open.
-#define REFUSED(call, ...)                                      \
-    {                                                           \
-#call, [] { return kavrel_direct_##call; }, __VA_ARGS__ \
-    }
-#define AFTER(prepare, call, ...)                                          \
-    {                                                                      \
-#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__ \
-    }
-
-// clang-format off
+#define REFUSED(call, ...) {#call, [] { return kavrel_direct_##call; }, __VA_ARGS__}
+#define AFTER(prepare, call, ...) {#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__}
 const Refusal kRefusals[] = {
     REFUSED(get_device_protocol(nullptr), ARG, ARG), REFUSED(get_capabilities(nullptr), ARG, ARG),
     REFUSED(get_integration_time(nullptr), ARG, ARG), REFUSED(get_average_number(nullptr), ARG, ARG),
@@ -136,7 +126,7 @@ TEST_P(Refused, BeforeAnythingIsSent) {
         if (expected != SENDS) {
             EXPECT_EQ(r.call(), expected) << r.name;
         }
-        if (protocol != KAVREL_DIRECT_PROTOCOL_AUTO) slot().wavelength_count = 0, slot().selection_valid = 0;
+        if (g_active_index >= 0) active().wavelength_count = 0, active().selection_valid = 0;
     }
     EXPECT_EQ(bridge.trace(), "");
 }

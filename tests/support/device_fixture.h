@@ -13,6 +13,10 @@
 
 namespace kavrel::test {
 
+inline device_slot &active() {
+    return g_devices[g_active_index];
+}
+
 class DeviceTest : public ::testing::Test {
 protected:
     FakeBridge bridge;
@@ -44,8 +48,6 @@ protected:
     int open_nir(const std::string &serial = "NIRA0001") {
         return open_with(KAVREL_DIRECT_PROTOCOL_NIR, serial);
     }
-
-    device_slot &active() { return g_devices[g_active_index]; }
 
     // Internal calls the test makes itself (the exchanges) work on the slot
     // bound here, as they do inside an exported operation.

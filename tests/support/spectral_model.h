@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "protocol/byte_order.h"
@@ -13,24 +14,27 @@
 
 namespace kavrel::test {
 
-// Wavelength entries as the instrument sends them: floats, least significant
-// byte first.
-inline Bytes le_floats(const std::vector<float> &values) {
+// Values as the instruments send them, most significant byte first (big)
+// or last: samples and calibration coefficients big-endian, wavelength
+// entries (floats) little-endian.
+template <typename T>
+Bytes encode(const std::vector<T> &values, bool big = true) {
+    using Bits = std::conditional_t<sizeof(T) == 2, uint16_t,
+                                    std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>;
     Bytes out;
-    for (float value : values) {
-        uint32_t bits;
+    for (const T &value : values) {
+        Bits bits;
         std::memcpy(&bits, &value, sizeof bits);
-        for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<uint8_t>(bits >> shift));
+        for (size_t i = 0; i < sizeof bits; ++i)
+            out.push_back(static_cast<uint8_t>(bits >> 8 * (big ? sizeof bits - 1 - i : i)));
     }
     return out;
 }
-
-// Samples as both protocols send them: most significant byte first.
+inline Bytes le_floats(const std::vector<float> &values) {
+    return encode(values, false);
+}
 inline Bytes be_samples(const std::vector<uint16_t> &values) {
-    Bytes out;
-    for (uint16_t value : values)
-        out.insert(out.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
-    return out;
+    return encode(values, true);
 }
 
 inline Bytes concat(std::initializer_list<Bytes> parts) {
