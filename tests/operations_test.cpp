@@ -109,15 +109,11 @@ Call cached(Call call) {
         return rc;
     };
 }
-void select_two(device_slot &s) {  // points 1 and 2
+void select_two(device_slot &s) {
     s.selection_valid = 1, s.start_index = 1, s.end_index = 2, s.selected_count = 2;
 }
-void select_three(device_slot &s) {  // points 1 to 3
-    s.selection_valid = 1, s.start_index = 1, s.selected_count = 3;
-}
-void count_4(device_slot &s) {
-    s.wavelength_count = 4;
-}
+const auto select_three = [](device_slot &s) { s.selection_valid = 1, s.start_index = 1, s.selected_count = 3; };
+const auto count_4 = [](device_slot &s) { s.wavelength_count = 4; };
 
 Call selection_after(double start, double end) {
     return [=](Out &out) {
@@ -192,16 +188,12 @@ Traffic poll(uint32_t address, uint8_t state) {
 
 // An NIR spectrum frame, read with 99 points cached; the point count after.
 Row frame(const char *name, const Bytes &data, int32_t result, const char *out) {
-    return {name,
-            NIR,
-            [](Out &out) {
-                active().wavelength_count = 99;
-                const int32_t rc = fill(kavrel_direct_get_full_spectrum_data)(out);
-                return out += "|" + str(active().wavelength_count), rc;
-            },
-            {{N({0x53}), A(data)}},
-            result,
-            out};
+    const Call read = [](Out &o) {
+        active().wavelength_count = 99;
+        const int32_t rc = fill(kavrel_direct_get_full_spectrum_data)(o);
+        return o += "|" + str(active().wavelength_count), rc;
+    };
+    return {name, NIR, read, {{N({0x53}), A(data)}}, result, out};
 }
 
 // clang-format off
@@ -390,10 +382,6 @@ const Row kRows[] = {
      Script{block(0x4C, {0xC0, 0xDD, 0, 1})} + times(200, poll(0x4C, 0x55)), TIMEOUT, "0 48879", 2000},
 };
 // clang-format on
-
-void PrintTo(const Row &row, std::ostream *os) {
-    *os << row.name;
-}
 
 class Operations : public DeviceTest, public ::testing::WithParamInterface<Row> {};
 
