@@ -1,9 +1,13 @@
-/* A C application that links the library and prints what its codec
- * functions make of a few CM2 packets: the CRC-32 check value, the hex dump
- * and the field tree of a parsed reply, a reply with a damaged byte and one
- * with a wrong preamble. Built for Linux and for Windows from this one
- * source; the Windows build's output must equal the Linux build's byte for
- * byte, so that the diagnostics read the same on every platform.
+/* A C99 application that includes only the public header and links the
+ * shared library, as users do. Without a bridge driver on the machine the
+ * library must load, list nothing and refuse to open.
+ *
+ * It also prints what the codec functions make of a few CM2 packets: the
+ * CRC-32 check value, the hex dump and the field tree of a parsed reply, a
+ * reply with a damaged byte and one with a wrong preamble. Built for Linux
+ * and for Windows from this one source; the Windows build's output must
+ * equal the Linux build's byte for byte, so that the diagnostics read the
+ * same on every platform.
  *
  * On Windows stdout is switched to binary mode: the C runtime's text mode
  * would turn every "\n" into "\r\n", and the comparison is of the bytes the
@@ -17,6 +21,7 @@
 #endif
 
 #include "kavrel_direct.h"
+#include "support/c_check.h"
 
 #define DATA_BYTES 40
 #define PACKET_BYTES (28 + DATA_BYTES + 4)
@@ -51,30 +56,44 @@ static int show(const char *title, const uint8_t *packet, int32_t length) {
 int main(void) {
     const uint8_t digits[] = "123456789";
     uint8_t packet[PACKET_BYTES];
-    uint32_t crc;
-    int failures = 0;
+    char serial[16];
+    uint32_t crc, protocol = 0;
+    kavrel_direct_device_info info;
 
 #ifdef _WIN32
     _setmode(_fileno(stdout), _O_BINARY);
 #endif
+    CHECK(sizeof info == 168);
+    /* No bridge driver here: nothing is listed and nothing opens. */
+    CHECK(kavrel_direct_scan_devices() == 0u);
+    CHECK(kavrel_direct_open_device(0) == KAVREL_DIRECT_ERR_NO_DEVICE);
+    CHECK(kavrel_direct_open_device(-1) == KAVREL_DIRECT_ERR_INVALID_ARG);
+    CHECK(kavrel_direct_get_chip_serial_by_index(0, serial, sizeof serial) == KAVREL_DIRECT_ERR_NO_DEVICE);
+    CHECK(kavrel_direct_is_open() == 0);
+    CHECK(kavrel_direct_get_open_device_count() == 0);
+    CHECK(kavrel_direct_get_device_protocol(&protocol) == KAVREL_DIRECT_ERR_NOT_OPEN);
+    CHECK(kavrel_direct_select_device(4) == KAVREL_DIRECT_ERR_INVALID_ARG);
+    CHECK(kavrel_direct_select_device(0) == KAVREL_DIRECT_ERR_NOT_OPEN);
+    kavrel_direct_close_device();
+    kavrel_direct_close_all_devices();
 
     crc = kavrel_direct_crc32(digits, 9);
     printf("crc32(\"123456789\") = %08lX\n", (unsigned long)crc);
     printf("service 0x0D: %s\n", kavrel_direct_srv_name(0x0D));
     printf("reply 0xE3: %s\n", kavrel_direct_ans_reply_name(0xE3));
     /* The standard check value of the reflected CRC-32. */
-    if (crc != 0xCBF43926u) ++failures;
+    CHECK(crc == 0xCBF43926u);
+    CHECK(strcmp(kavrel_direct_srv_name(0x0D), "Read Memory (Query)") == 0);
+    CHECK(kavrel_direct_parse_response(digits, 9, &parsed) == -1 && parsed.raw_len == 0);
 
     build_reply(packet);
-    if (show("spectrum reply", packet, PACKET_BYTES) != 0) ++failures;
-
+    CHECK(show("spectrum reply", packet, PACKET_BYTES) == 0);
     packet[30] ^= 0x01;
-    if (show("one data bit flipped", packet, PACKET_BYTES) != 0 || parsed.crc_ok != 0) ++failures;
-
+    CHECK(show("one data bit flipped", packet, PACKET_BYTES) == 0 && parsed.crc_ok == 0);
     packet[3] = 0x55;
-    if (show("wrong preamble", packet, PACKET_BYTES) != -1) ++failures;
+    CHECK(show("wrong preamble", packet, PACKET_BYTES) == -1);
 
     fflush(stdout);
-    if (failures != 0) fprintf(stderr, "codec client: %d checks failed\n", failures);
-    return failures == 0 ? 0 : 1;
+    if (g_failures != 0) fprintf(stderr, "codec client: %d checks failed\n", g_failures);
+    return g_failures == 0 ? 0 : 1;
 }
