@@ -93,10 +93,8 @@ struct Uncounted : platform::Forwarder {
 
 // Listing and opening again, besides the device operations.
 const Operation kTableOperations[] = {
-    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }, false,
-     false},
-    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }, false,
-     false},
+    EVERY_OP("chip serial", get_chip_serial_by_index(0, o.text, 40), false, false),
+    EVERY_OP("open again", open_device_by_chip_serial("ALLOC001"), false, false),
 };
 
 class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {

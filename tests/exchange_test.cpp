@@ -86,10 +86,6 @@ Bytes part(const Bytes &bytes, size_t from, size_t to) {
 }
 const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
             kSix = nir_reply({1, 2, 3, 4, 5, 6});
-constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, CRC = KAVREL_DIRECT_ERR_CRC,
-                  TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT;
-
-constexpr bool CM2 = false, NIR = true;
 
 // clang-format off
 const Case kCases[] = {

@@ -28,9 +28,6 @@ struct Row {
     double ms = -1;  // virtual time the call takes; -1: not compared
 };
 
-constexpr bool CM2 = false, NIR = true;
-constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, ARG = KAVREL_DIRECT_ERR_INVALID_ARG,
-                  TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 // Requests and replies: CM2 query, write, reply, acknowledge and command

@@ -10,9 +10,8 @@
 namespace kavrel::test {
 namespace {
 
-constexpr int32_t ARG = KAVREL_DIRECT_ERR_INVALID_ARG, NONE = KAVREL_DIRECT_ERR_UNSUPPORTED,
-                  GENERIC = KAVREL_DIRECT_ERR_GENERIC, CLOSED = KAVREL_DIRECT_ERR_NOT_OPEN;
-constexpr int32_t SENDS = 1;  // not refused on that protocol: not tried here
+constexpr int32_t NONE = KAVREL_DIRECT_ERR_UNSUPPORTED, GENERIC = KAVREL_DIRECT_ERR_GENERIC,
+                  CLOSED = KAVREL_DIRECT_ERR_NOT_OPEN, SENDS = 1;  // SENDS: not refused there, not tried
 
 uint8_t b, page[16];
 uint16_t w, s[8];

@@ -13,6 +13,11 @@
 
 namespace kavrel::test {
 
+// Results and protocols, short for the tables.
+constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, ARG = KAVREL_DIRECT_ERR_INVALID_ARG,
+                  TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT, CRC = KAVREL_DIRECT_ERR_CRC;
+constexpr bool CM2 = false, NIR = true;
+
 inline device_slot &active() {
     return g_devices[g_active_index];
 }

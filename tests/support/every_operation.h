@@ -103,7 +103,6 @@ inline const Operation kEveryOperation[] = {
     EVERY_OP("reset", reset_device(), false, false),
 };
 // clang-format on
-#undef EVERY_OP
 
 }  // namespace kavrel::test
 

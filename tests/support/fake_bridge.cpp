@@ -42,14 +42,6 @@ int FakeBridge::attach(const std::string &serial) {
     return static_cast<int>(instruments_.size()) - 1;
 }
 
-void FakeBridge::expect(int index, const Bytes &request, std::vector<Chunk> reply) {
-    instrument(index).script.push_back(Step{request, std::move(reply), 0, std::nullopt});
-}
-
-void FakeBridge::reply_any(int index, std::vector<Chunk> reply) {
-    instrument(index).script.push_back(Step{std::nullopt, std::move(reply), 0, std::nullopt});
-}
-
 std::string FakeBridge::trace() const {
     const std::vector<std::string> &items = calls;
     std::string out;
@@ -102,9 +94,8 @@ platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries
 
 platform::Status FakeBridge::open(int index, platform::Handle *handle) {
     record(str("open", index));
-    if (open_status != 0) return open_status;
-    *handle = &instrument(index);
-    return 0;
+    if (open_status == 0) *handle = &instrument(index);
+    return open_status;
 }
 
 platform::Status FakeBridge::set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms) {

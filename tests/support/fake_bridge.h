@@ -69,8 +69,12 @@ public:
     // Attaches a bridge; returns its list position.
     int attach(const std::string &serial);
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
-    void expect(int index, const Bytes &request, std::vector<Chunk> reply = {});
-    void reply_any(int index, std::vector<Chunk> reply);
+    // Scripts the next write of bridge index: the bytes it must carry (or
+    // any), and the reply.
+    void expect(int index, std::optional<Bytes> request, std::vector<Chunk> reply = {}) {
+        instrument(index).script.push_back(Step{std::move(request), std::move(reply), 0, std::nullopt});
+    }
+    void reply_any(int index, std::vector<Chunk> reply) { expect(index, std::nullopt, std::move(reply)); }
 
     // Each bridge call with its arguments: "purge 3", "write 32", "timeouts
     // 200 5000", "read 28:28" (the count asked and the count returned).
