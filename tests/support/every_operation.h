@@ -28,13 +28,12 @@ struct Outputs {
     uint16_t samples[4096];
 
     void fill() { std::memset(this, 0xA5, sizeof *this); }
-    bool untouched() const {
-        const auto *bytes = reinterpret_cast<const uint8_t *>(this);
-        for (size_t i = 0; i < sizeof *this; ++i)
-            if (bytes[i] != 0xA5) return false;
-        return true;
-    }
     bool operator==(const Outputs &other) const { return std::memcmp(this, &other, sizeof *this) == 0; }
+    bool untouched() const {
+        Outputs pattern;
+        pattern.fill();
+        return *this == pattern;
+    }
 };
 
 // The wavelength range the selection operation asks for.

@@ -128,6 +128,8 @@ platform::Status FakeBridge::write(platform::Handle h, const void *bytes, uint32
         reply = step.reply;
     } else if (device.responder) {
         reply = device.responder(data);
+    } else {
+        ADD_FAILURE() << "a write that no step expects: " << hex(data);
     }
     double at = now_ms();
     for (const Chunk &chunk : reply) device.inbox->deliver(chunk.bytes, at += chunk.delay_ms);

@@ -54,7 +54,8 @@ struct FakeInstrument {
     std::string serial;
     std::string description = "Fake Spectrometer";
     std::deque<Step> script;
-    // Answers writes once the script is used up; none: silence.
+    // Answers writes once the script is used up; none: a write then fails
+    // the test.
     std::function<std::vector<Chunk>(const Bytes &)> responder;
     int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
