@@ -11,12 +11,11 @@
 #include <memory>
 #include <new>
 
-#include "support/device_fixture.h"
+#include "support/fake_bridge.h"
 #include "support/every_operation.h"
 #ifdef KAVREL_WITH_LIBFTDI
 #include "support/fake_ftdi.h"
 #endif
-#include "support/spectral_model.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/device_fixture.h"
+#include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
 #include "transport/nir_exchange.h"
 

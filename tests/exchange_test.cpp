@@ -9,8 +9,7 @@
 #include <thread>
 
 #include "platform/timing_engine.h"
-#include "support/device_fixture.h"
-#include "support/spectral_model.h"
+#include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
 #include "transport/nir_exchange.h"
 #include "transport/timing.h"

@@ -6,8 +6,7 @@
 #include <functional>
 #include <limits>
 
-#include "support/device_fixture.h"
-#include "support/spectral_model.h"
+#include "support/fake_bridge.h"
 
 namespace kavrel::test {
 namespace {

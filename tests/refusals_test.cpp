@@ -4,7 +4,7 @@
 #include <cmath>
 #include <functional>
 
-#include "support/device_fixture.h"
+#include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
 
 namespace kavrel::test {

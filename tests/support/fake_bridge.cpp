@@ -26,15 +26,6 @@ FakeBridge::FakeBridge() {
     use_provider(wrapper_ ? &wrapped_ : &table_);
 }
 
-FakeBridge::~FakeBridge() {
-    use_provider(nullptr);
-}
-
-void FakeBridge::record(std::string call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls.push_back(std::move(call));
-}
-
 int FakeBridge::attach(const std::string &serial) {
     instruments_.emplace_back();
     instruments_.back().serial = serial;
@@ -61,24 +52,11 @@ std::string FakeBridge::trace() const {
     return out;
 }
 
-size_t FakeBridge::unplayed_steps() const {
-    size_t n = 0;
-    for (const auto &device : instruments_) n += device.script.size();
-    return n;
-}
-
 int FakeBridge::index_of(platform::Handle handle) const {
     for (size_t i = 0; i < instruments_.size(); ++i)
         if (&instruments_[i] == handle) return static_cast<int>(i);
     ADD_FAILURE() << "bridge call with a handle the fake never opened";
     return 0;
-}
-
-platform::Status FakeBridge::create_device_info_list(uint32_t *count) {
-    during();
-    record("list");
-    *count = create_status == 0 ? static_cast<uint32_t>(instruments_.size()) : 0;
-    return create_status;
 }
 
 platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries, uint32_t *count) {
@@ -89,24 +67,6 @@ platform::Status FakeBridge::get_device_info_list(platform::BridgeEntry *entries
         std::snprintf(entries[i].serial_number, 16, "%s", instruments_[i].serial.c_str());
         std::snprintf(entries[i].description, 64, "%s", instruments_[i].description.c_str());
     }
-    return 0;
-}
-
-platform::Status FakeBridge::open(int index, platform::Handle *handle) {
-    record(str("open", index));
-    if (open_status == 0) *handle = &instrument(index);
-    return open_status;
-}
-
-platform::Status FakeBridge::set_timeouts(platform::Handle h, uint32_t read_ms, uint32_t write_ms) {
-    record(str("timeouts", read_ms, write_ms));
-    instrument(index_of(h)).read_limit_ms = read_ms;
-    return 0;
-}
-
-platform::Status FakeBridge::purge(platform::Handle h, uint32_t mask) {
-    record(str("purge", mask));
-    if (mask & platform::kPurgeRx) instrument(index_of(h)).inbox->purge();
     return 0;
 }
 
