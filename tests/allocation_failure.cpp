@@ -7,8 +7,6 @@
 // they count (and fail) only what the library allocates during an operation,
 // not what the test or the fake instrument behind the provider allocate.
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <new>
 
 #include "support/fake_bridge.h"

@@ -1,11 +1,5 @@
 // The CM2 codec and the packet printers against literal bytes and text: the
 // only check of the codec that does not go through the tests' own encoder.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <memory>
-
-#include "kavrel_direct.h"
 #include "protocol/cm2_codec.h"
 #include "support/fake_bridge.h"
 

@@ -1,12 +1,8 @@
 // Listing and opening bridges, the table of open devices, the providers and
 // the frame every exported call runs in.
-#include <cstring>
 #include <future>
-#include <mutex>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"

@@ -1,14 +1,10 @@
 // The two exchanges under every operation: the bridge calls each makes, in
 // order, with their limits, the reading of the reply and the results.
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
-#include <string>
 #include <thread>
 
-#include "platform/timing_engine.h"
 #include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
 #include "transport/nir_exchange.h"

@@ -1,9 +1,6 @@
 // Every device operation on each protocol as one row: the requests it must
 // send, the instrument's replies, the result and what the call handed out.
-#include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <functional>
 #include <limits>
 
 #include "support/fake_bridge.h"

@@ -2,7 +2,6 @@
 // null output or no room, or an operation with only a CM2 form on an NIR
 // instrument.
 #include <cmath>
-#include <functional>
 
 #include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
