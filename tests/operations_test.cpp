@@ -35,12 +35,10 @@ const auto R = [](const Bytes &data, uint8_t code = 0xAC) { return cm2_reply(0xC
 const Bytes ACK = R({});
 const auto status = [](uint8_t state) { return R({0xC0, state, 0, 0, 0, 0, 0, 0}); };
 const auto A = [](const Bytes &data) { return nir_reply(data); };
-Script operator+(Script a, const Script &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-Script times(int n, const Traffic &t) {
-    return Script(static_cast<size_t>(n), t);
+// The head, then t n times.
+Script repeat(Script head, int n, const Traffic &t) {
+    head.insert(head.end(), static_cast<size_t>(n), t);
+    return head;
 }
 
 // The outputs on success; on failure "" while they are left alone.
@@ -68,23 +66,16 @@ Call text(int32_t (*fn)(char *, int32_t), int32_t size = 32) {
 // The values an array call wrote, "." for an element left alone, up to the
 // first one left alone after the last written.
 template <typename T>
-Out written(const std::vector<T> &v, T untouched) {
-    size_t end = 0;
-    for (size_t i = 0; i < v.size(); ++i)
-        if (!(v[i] == untouched)) end = i + 1;
-    Out out;
-    for (size_t i = 0; i < std::min(v.size(), end + (end > 0)); ++i)
-        out += (i ? " " : "") + (v[i] == untouched ? std::string(".") : str(v[i]));
-    return out;
-}
-
-template <typename T>
 Call fill(int32_t (*fn)(T *, int32_t), int32_t capacity = 8) {
     return [=](Out &out) {
         const T untouched = std::is_integral_v<T> ? T(0xBEEF) : T(-7);
         std::vector<T> v(8, untouched);
         const int32_t rc = fn(v.data(), capacity);
-        out = written(v, untouched);
+        size_t end = 0;
+        for (size_t i = 0; i < v.size(); ++i)
+            if (!(v[i] == untouched)) end = i + 1;
+        for (size_t i = 0; i < std::min(v.size(), end + (end > 0)); ++i)
+            out += (i ? " " : "") + (v[i] == untouched ? std::string(".") : str(v[i]));
         return rc;
     };
 }
@@ -105,7 +96,9 @@ Call cached(Call call) {
 void select_two(device_slot &s) {
     s.selection_valid = 1, s.start_index = 1, s.end_index = 2, s.selected_count = 2;
 }
-const auto select_three = [](device_slot &s) { s.selection_valid = 1, s.start_index = 1, s.selected_count = 3; };
+void select_three(device_slot &s) {
+    s.selection_valid = 1, s.start_index = 1, s.selected_count = 3;
+}
 const auto count_4 = [](device_slot &s) { s.wavelength_count = 4; };
 
 Call selection_after(double start, double end) {
@@ -170,7 +163,7 @@ const Bytes kShortMark{0xAA, 0x55, 0xBB, 0x44}, kLongMark{0xAA, 0x55, 0xBB, 0x44
     kEndMark{0xDD, 0xDD, 0xAA, 0xAA};
 const Traffic kCountQuery{Q(0xC2, 0x0B, 1), kCount3}, kNirTable{N({0x3F, 0x53}), A(kTable3)},
     kTable4{Q(0xC5, 0, 2048), R(le_floats({400, 410, 420, 430}))};
-const Script kOpenProtection{{W(0xC1, 0x12, {0, 0, 0, 0xEA}), ACK}};
+const Traffic kOpenProtection{W(0xC1, 0x12, {0, 0, 0, 0xEA}), ACK};
 Traffic block(uint32_t address, Bytes head) {
     head.resize(8, 0);
     return {W(0xC1, address, head), ACK};
@@ -319,20 +312,20 @@ const Row kRows[] = {
     // The end entries, smaller first: not the extremes in between.
     {"Ends", CM2, GET(full_wavelength_range),
      {kCountQuery, {Q(0xC5, 0, 2048), R(le_floats({800, 123, 500}))}}, OK, "500 800"},
-    {"EndsWithNaN", NIR, GET(full_wavelength_range), times(2, {N({0x3F, 0x53}), A(le_floats({kNaN, 5}))}), OK,
-     "nan 5"},
+    {"EndsWithNaN", NIR, GET(full_wavelength_range),
+     repeat({}, 2, {N({0x3F, 0x53}), A(le_floats({kNaN, 5}))}), OK, "nan 5"},
     {"EndsOfNoPoints", CM2, GET(full_wavelength_range), {{Q(0xC2, 0x0B, 1), R({0, 0, 0, 0})}}, IO},
     // Setting a range reads the ends, then the count and the table again.
     {"Select", CM2, selection_after(405, 425),
      {{Q(0xC2, 0x0B, 1), kCount4}, kTable4, {Q(0xC2, 0x0B, 1), kCount4}, kTable4}, OK,
      "405 425 410 420 1 2 2"},
     {"Select", NIR, selection_after(1000, 1200),
-     times(4, {N({0x3F, 0x53}), A(le_floats({1000, 1100, 1200}))}), OK, "1000 1200 1000 1200 0 2 3"},
+     repeat({}, 4, {N({0x3F, 0x53}), A(le_floats({1000, 1100, 1200}))}), OK, "1000 1200 1000 1200 0 2 3"},
     // CM2 reads only the run, by entry address; NIR the whole table.
     {"SelectedWavelengths", CM2, after(select_three, FILL(selected_wavelength_data, 3)),
      {{Q(0xC5, 1, 3), R(le_floats({7.5f, 8.5f}))}}, OK, "7.5 8.5 ."},
-    {"SelectedWavelengths", NIR, after(select_two, FILL(selected_wavelength_data, 2)), times(2, kNirTable),
-     OK, "2 3 ."},
+    {"SelectedWavelengths", NIR, after(select_two, FILL(selected_wavelength_data, 2)),
+     repeat({}, 2, kNirTable), OK, "2 3 ."},
 
     // Flash pages. CM2: a command block, polls 50 ms apart until done, then
     // the page buffer in whole words, at most 1024 bytes.
@@ -347,18 +340,18 @@ const Row kRows[] = {
     {"PageReadStatusShort", CM2, page_read(3, 16),
      {block(0x4A, {0xC0, 0xDD, 0, 3}), {Q(0xC1, 0x4A, 2), R({0, 0xAA, 0, 0})}}, IO, "0"},
     {"PageReadGivesUp", CM2, page_read(3, 16),
-     Script{block(0x4A, {0xC0, 0xDD, 0, 3})} + times(50, poll(0x4A, 0)), TIMEOUT, "0", 2500},
+     repeat({block(0x4A, {0xC0, 0xDD, 0, 3})}, 50, poll(0x4A, 0)), TIMEOUT, "0", 2500},
     // The write opens the protection, fills the buffer, and commands the page
     // with the CRC-32 of the caller's bytes.
     {"PageWrite", CM2, page_write(0x0102, {'a', 'b', 'c'}, 3),
-     kOpenProtection + Script{{W(0xC7, 0, {'a', 'b', 'c'}), ACK},
+     {kOpenProtection, {W(0xC7, 0, {'a', 'b', 'c'}), ACK},
      block(0x4A, {0xCF, 0xDD, 1, 2, 0x35, 0x24, 0x41, 0xC2}), poll(0x4A, 0x01), poll(0x4A, 0xAA)}, OK, "",
      50},
     {"PageWriteEmpty", CM2, page_write(9, {}, 0),
-     kOpenProtection + Script{{W(0xC7, 0, {}), ACK}, block(0x4A, {0xCF, 0xDD, 0, 9}), poll(0x4A, 0xAA)}, OK},
+     {kOpenProtection, {W(0xC7, 0, {}), ACK}, block(0x4A, {0xCF, 0xDD, 0, 9}), poll(0x4A, 0xAA)}, OK},
     {"PageWriteGivesUp", CM2, page_write(3, {1, 2, 3, 4}, 4),
-     kOpenProtection + Script{{W(0xC7, 0, {1, 2, 3, 4}), ACK},
-     block(0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD})} + times(50, poll(0x4A, 0)), TIMEOUT, "", 2500},
+     repeat({kOpenProtection, {W(0xC7, 0, {1, 2, 3, 4}), ACK},
+     block(0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD})}, 50, poll(0x4A, 0)), TIMEOUT, "", 2500},
     // NIR: one command each way, a second of quiet.
     {"PageRead", NIR, page_read(0x0102, 16), {{N({0x3F, 0xAF, 1, 2}), A(Bytes(20, 0x33))}}, 16, "16", 1090},
     {"PageWriteLongest", NIR, page_write(7, kLong, 8187), {{N(concat({{0xAF, 0, 7}, kLong})), A({})}}, OK},
@@ -372,7 +365,7 @@ const Row kRows[] = {
      {block(0x4C, {0xC0, 0xDD, 0, 7}), poll(0x4C, 0xAA), {Q(0xC6, 0, 1024), R(Bytes(4096, 0x21))}}, 4096,
      "2048 8481"},
     {"ExternalSpectrumGivesUp", CM2, external(1, 3),
-     Script{block(0x4C, {0xC0, 0xDD, 0, 1})} + times(200, poll(0x4C, 0x55)), TIMEOUT, "0 48879", 2000},
+     repeat({block(0x4C, {0xC0, 0xDD, 0, 1})}, 200, poll(0x4C, 0x55)), TIMEOUT, "0 48879", 2000},
 };
 // clang-format on
 
