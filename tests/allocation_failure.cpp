@@ -106,10 +106,6 @@ protected:
         model.table = {400, 410, 420, 430, 440};
         model.serve(bridge, GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001"), GetParam());
     }
-    void TearDown() override {
-        g_fail_at = 0;
-        DeviceTest::TearDown();
-    }
 
     // Runs the operation with the nth allocation failing (0: none), from no
     // point count cached, points 1 to 3 selected, the library's first-use

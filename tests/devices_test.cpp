@@ -32,6 +32,9 @@ std::string table() {
                kavrel_direct_is_open());
 }
 
+// What opening asks of a bridge before anything is sent.
+const std::string kSetUp = "timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset";
+
 TEST_F(Devices, ListingPrintsEveryBridgeAndFailsQuietly) {
     char serial[8] = "xxxxxxx";
     EXPECT_EQ(scan(), "0|");
@@ -67,11 +70,10 @@ TEST_F(Devices, OpeningConfiguresTheBridgeThenProbesCm2ThenNir) {
     bridge.expect(device, cm2_query_bytes(0xC1, 0x000046, 4), {});
     bridge.expect(device, nir_frame({'V'}), at_once(nir_reply({'1', '.', '0'})));
     EXPECT_EQ(kavrel_direct_open_device_by_chip_serial("NIRDEV"), KAVREL_DIRECT_OK);
-    EXPECT_EQ(bridge.trace(),
-              "(list, entries 1) x2, open 0, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
-              "purge 3, "
-              "write 32, timeouts 200 5000, read 28:0, purge 3, write 3, timeouts 50 5000, read 16384:6, "
-              "(read 16378:0, sleep 5) x9, read 16378:0, timeouts 5000 5000");
+    EXPECT_EQ(bridge.trace(), "(list, entries 1) x2, open 0, " + kSetUp +
+                                  ", purge 3, write 32, timeouts 200 5000, read 28:0, purge 3, write 3, "
+                                  "timeouts 50 5000, read 16384:6, (read 16378:0, sleep 5) x9, read 16378:0, "
+                                  "timeouts 5000 5000");
     EXPECT_EQ(table(), "2 511 1 0 1");
     const device_slot &s = active();
     EXPECT_EQ(str(s.integration_time, s.average_number, s.wavelength_count, s.selection_valid, s.chip_serial),
@@ -103,11 +105,9 @@ TEST_F(Devices, SelectingClosingTheFifthDeviceAndOpeningAnOpenBridge) {
     EXPECT_EQ(table(), "1 32767 4 2 1");
     kavrel_direct_close_all_devices();
     EXPECT_EQ(table(), "0 0 0 -1 0");
-    EXPECT_EQ(bridge.trace(),
-              "list, entries 5, open 4, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
-              "close 4, close 2, "
-              "(list, entries 5) x2, open 4, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
-              "close 0, close 1, close 4, close 3");
+    EXPECT_EQ(bridge.trace(), "list, entries 5, open 4, " + kSetUp +
+                                  ", close 4, close 2, (list, entries 5) x2, open 4, " + kSetUp +
+                                  ", close 0, close 1, close 4, close 3");
 }
 
 TEST_F(Devices, ABridgeThatWillNotOpenSerialsMatchedExactlyAndThePreference) {
@@ -138,9 +138,7 @@ TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
         EXPECT_EQ(kavrel_direct_open_device(0), KAVREL_DIRECT_OK);
         EXPECT_EQ(table(), "1 32767 2 1 1");
         kavrel_direct_close_device();
-        EXPECT_EQ(other.trace(),
-                  "list, entries 1, open 0, timeouts 5000 5000, latency 1, usb 65536 65536, purge 3, reset, "
-                  "close 0");
+        EXPECT_EQ(other.trace(), "list, entries 1, open 0, " + kSetUp + ", close 0");
     }
     kavrel_direct_close_all_devices();
     EXPECT_EQ(bridge.trace(),
