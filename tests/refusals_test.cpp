@@ -113,10 +113,7 @@ class Refused : public DeviceTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(Refused, BeforeAnythingIsSent) {
     const uint32_t protocol = static_cast<uint32_t>(GetParam());
-    if (protocol == KAVREL_DIRECT_PROTOCOL_AUTO)
-        bridge.attach("REFUSING");
-    else
-        open_with(protocol, "REFUSING");
+    protocol == KAVREL_DIRECT_PROTOCOL_AUTO ? bridge.attach("REFUSING") : open_with(protocol, "REFUSING");
     for (const Refusal &r : kRefusals) {
         const int32_t expected = protocol == KAVREL_DIRECT_PROTOCOL_CM2   ? r.cm2
                                  : protocol == KAVREL_DIRECT_PROTOCOL_NIR ? r.nir
@@ -129,12 +126,10 @@ TEST_P(Refused, BeforeAnythingIsSent) {
     EXPECT_EQ(bridge.trace(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Refused,
-                         ::testing::Values(KAVREL_DIRECT_PROTOCOL_AUTO, KAVREL_DIRECT_PROTOCOL_CM2,
-                                           KAVREL_DIRECT_PROTOCOL_NIR),
-                         [](const auto &info) {
-                             return info.param == 0 ? "NoDevice" : info.param == 1 ? "Cm2" : "Nir";
-                         });
+// The protocol preference's values: no device (AUTO), CM2, NIR.
+INSTANTIATE_TEST_SUITE_P(Each, Refused, ::testing::Values(0, 1, 2), [](const auto &info) {
+    return info.param == 0 ? "NoDevice" : info.param == 1 ? "Cm2" : "Nir";
+});
 
 }  // namespace
 }  // namespace kavrel::test

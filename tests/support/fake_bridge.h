@@ -236,7 +236,6 @@ struct SpectralModel {
     }
 };
 
-// A test fixture with a fake bridge installed and a clean device table.
 // Results and protocols, short for the tables.
 constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, ARG = KAVREL_DIRECT_ERR_INVALID_ARG,
                   TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT, CRC = KAVREL_DIRECT_ERR_CRC;
@@ -246,6 +245,7 @@ inline device_slot &active() {
     return g_devices[g_active_index];
 }
 
+// A test fixture with a fake bridge installed and a clean device table.
 class DeviceTest : public ::testing::Test {
 protected:
     FakeBridge bridge;
