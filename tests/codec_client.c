@@ -1,15 +1,9 @@
 /* A C99 application that includes only the public header and links the
- * shared library, as users do. Without a bridge driver on the machine the
- * library must load, list nothing and refuse to open.
- *
- * It also prints what the codec functions make of a few CM2 packets: the
- * CRC-32 check value, the hex dump and the field tree of a parsed reply, a
- * reply with a damaged byte and one with a wrong preamble. Built for Linux
- * and for Windows from this one source; the Windows build's output must
- * equal the Linux build's byte for byte, so that the diagnostics read the
- * same on every platform.
- *
- * On Windows stdout is switched to binary mode: the C runtime's text mode
+ * shared library, as users do: without a bridge driver on the machine the
+ * library loads, lists nothing and refuses to open. It prints what the codec
+ * makes of a few CM2 packets; the Windows build's output must equal the
+ * Linux build's byte for byte, so that the diagnostics read the same on
+ * every platform. On Windows stdout is switched to binary mode: text mode
  * would turn every "\n" into "\r\n", and the comparison is of the bytes the
  * library prints, not of the platform's line endings. */
 #include <stdio.h>
