@@ -1,12 +1,7 @@
 #include "support/fake_bridge.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-
-#include "transport/device_table.h"
 
 namespace kavrel::test {
 
