@@ -178,10 +178,9 @@ TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
     std::promise<void> reading, go_on;
     std::once_flag first;
     bridge.during = [&] { std::call_once(first, [&] { reading.set_value(), go_on.get_future().wait(); }); };
-    int32_t result = 1;
-    std::thread reader([&] {
+    std::future<int32_t> result = std::async(std::launch::async, [] {
         uint16_t samples[4];
-        result = kavrel_direct_get_full_spectrum_data(samples, 4);
+        return kavrel_direct_get_full_spectrum_data(samples, 4);
     });
     reading.get_future().wait();
     EXPECT_EQ(table(), "1 32767 1 0 1");
@@ -189,9 +188,8 @@ TEST_F(Devices, TableQueriesAnswerDuringAnExchangeAndCloseWaitsForIt) {
     EXPECT_EQ(kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_AUTO), KAVREL_DIRECT_OK);
     std::thread closer([] { kavrel_direct_close_device(); });
     go_on.set_value();
-    reader.join();
+    EXPECT_EQ(result.get(), KAVREL_DIRECT_OK);
     closer.join();
-    EXPECT_EQ(result, KAVREL_DIRECT_OK);
     EXPECT_EQ(bridge.trace(),
               "purge 3, write 32, timeouts 1010 5000, read 28:28, read 12:12, timeouts 5000 5000, close 0");
 }

@@ -271,12 +271,8 @@ protected:
         bridge.calls.clear();
         return index;
     }
-    int open_cm2(const std::string &serial = "CM2A0001") {
-        return open_with(KAVREL_DIRECT_PROTOCOL_CM2, serial);
-    }
-    int open_nir(const std::string &serial = "NIRA0001") {
-        return open_with(KAVREL_DIRECT_PROTOCOL_NIR, serial);
-    }
+    int open_cm2(const std::string &sn = "CM2A0001") { return open_with(KAVREL_DIRECT_PROTOCOL_CM2, sn); }
+    int open_nir(const std::string &sn = "NIRA0001") { return open_with(KAVREL_DIRECT_PROTOCOL_NIR, sn); }
 
     // Internal calls the test makes itself (the exchanges) work on the slot
     // bound here, as they do inside an exported operation.
