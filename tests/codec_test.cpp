@@ -149,14 +149,9 @@ TEST(PacketPrinters, TreeOfAWritePacketAndItsFields) {
     const std::string addresses = tree(with(with(write, 9, 0x12), 11, 0x34));
     EXPECT_EQ(line_of(addresses, "TA:") + "|" + line_of(addresses, "SA:"),
               "TA:   12 01                  (Target: 01h)|SA:   34 02                  (Source: 02h)");
-    EXPECT_EQ(printed([] {
-                  cm2_packet none{};
-                  kavrel_direct_print_parsed(&none);
-              }),
-              "  [ERROR] Preamble mismatch, not a valid CM2 packet\n");
+    EXPECT_EQ(tree(Bytes(24, 0)), "  [ERROR] Preamble mismatch, not a valid CM2 packet\n");
 
-    std::string groups;
-    for (int i = 0; i < 32; ++i) groups += "11 ";
+    const std::string groups = hex(Bytes(32, 0x11)) + " ";
     EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(40, 0x11))), "DATA"),
               "DATA: " + groups + "... (40 bytes)");
     EXPECT_EQ(line_of(tree(cm2_reply(0xC6, 0, Bytes(32, 0x11))), "DATA"), "DATA: " + groups + " (32 bytes)");
@@ -187,8 +182,7 @@ TEST(PacketPrinters, CodeNames) {
 
 TEST(PacketPrinters, HexDumpAndFramedReport) {
     const Bytes sixteen(16, 0xAB), seventeen = with(Bytes(17, 0xAB), 16, 0x01);
-    std::string line;
-    for (int i = 0; i < 16; ++i) line += " AB";
+    const std::string line = " " + hex(sixteen);
     EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(sixteen.data(), 16); }), line + "\n");
     EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(seventeen.data(), 17); }), line + "\n        01\n");
     EXPECT_EQ(printed([&] { kavrel_direct_dump_hex(sixteen.data(), 0); }), "\n");
