@@ -121,9 +121,8 @@ Call page_read(uint16_t page, int32_t length) {
         return rc;
     };
 }
-Call page_write(uint16_t page, const Bytes &data, int32_t length) {
-    return
-        [=](Out &) { return kavrel_direct_flash_write(page, data.empty() ? nullptr : data.data(), length); };
+Call page_write(uint16_t page, const Bytes &data, int32_t n) {
+    return [=](Out &) { return kavrel_direct_flash_write(page, data.empty() ? nullptr : data.data(), n); };
 }
 
 Call external(uint16_t control, int32_t count) {
