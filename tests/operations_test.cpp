@@ -138,18 +138,16 @@ Call external(uint16_t control, int32_t count) {
 const Call kCoefficients =
     fill<double>([](double *k, int32_t) { return kavrel_direct_get_calibration_coefficients(k); });
 
-Call device_info() {
-    return [](Out &out) {
-        kavrel_direct_device_info i;
-        std::memset(&i, 0x5A, sizeof i);
-        const int32_t rc = kavrel_direct_get_device_info(&i);
-        out = str(i.protocol, i.capabilities) + " " + i.protocol_name + "|" + i.model + "|" +
-              i.serial_number + "|" + i.hardware_version;
-        // Every byte past a text is zero.
-        EXPECT_EQ(i.protocol_name[31] | i.model[31] | i.serial_number[31] | i.hardware_version[63], 0);
-        return rc;
-    };
-}
+const Call kDeviceInfo = [](Out &out) {
+    kavrel_direct_device_info i;
+    std::memset(&i, 0x5A, sizeof i);
+    const int32_t rc = kavrel_direct_get_device_info(&i);
+    out = str(i.protocol, i.capabilities) + " " + i.protocol_name + "|" + i.model + "|" + i.serial_number +
+          "|" + i.hardware_version;
+    // Every byte past a text is zero.
+    EXPECT_EQ(i.protocol_name[31] | i.model[31] | i.serial_number[31] | i.hardware_version[63], 0);
+    return rc;
+};
 
 #define DO(call) [](Out &) { return kavrel_direct_##call; }
 #define GET(name) get(kavrel_direct_get_##name)
@@ -233,11 +231,11 @@ const Row kRows[] = {
      {{W(0xC2, 4, {'1', '2', '3', '4', '5', '6', '7', '8', '9', '0', 'A', 'B'}), ACK}}, OK},
     {"UsbBaudRate", CM2, GET(usb_baud_rate), {{Q(0xC1, 0x43, 1), R({0xFF, 0xFF, 0, 0x60})}}, OK, "96"},
     {"UsbStatusSet", CM2, GET(usb_status), {{Q(0xC1, 0x50, 1), R({0, 0, 0, 0xAA})}}, OK, "1"},
-    {"DeviceInfo", NIR, device_info(),
+    {"DeviceInfo", NIR, kDeviceInfo,
      {{N({0xBB}), A({3, 0, 0, 0, 0x42, 0, 0, 0})}, {N({0x56}), A({'1', '.', '7'})}}, OK,
      "2 511 NIR_LEGACY|NIR-T3-0042|NIR|1.7"},
     // Each request that fails leaves only its own field empty.
-    {"DeviceInfoPastAFailedRequest", CM2, device_info(),
+    {"DeviceInfoPastAFailedRequest", CM2, kDeviceInfo,
      {{Q(0xC1, 0x46, 4), R(Bytes(16, 'M'))}, {Q(0xC2, 4, 3), R(Bytes(12, 'S'), 0xE2)},
      {Q(0xC1, 0x41, 2), R({1, 0, 0, 2, 0, 0, 0, 0})}}, OK, "1 32767 UVVIS_CM2|MMMMMMMMMMMMMMMM||01.00.00.02"},
 
@@ -429,8 +427,8 @@ TEST_P(Selection, Cases) {
             << c.start << " to " << c.end;
     }
     model.table = rising;
-    Out selection, run;
-    selection_after(405, 435)(selection);
+    ASSERT_EQ(kavrel_direct_set_selected_wavelength_range(405, 435), OK);
+    Out run;
     fill(kavrel_direct_get_selected_wavelength_data, 3)(run);
     EXPECT_EQ(run, "410 420 430 .");
 }
