@@ -1,9 +1,8 @@
 // The two exchanges under every operation: the bridge calls each makes, in
 // order, with their limits, the reading of the reply and the results.
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <thread>
+#include <future>
 
 #include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
@@ -49,19 +48,14 @@ TEST(RealTime, AnInterruptEndsAReadThatWouldWaitAnHour) {
     platform::Clock clock(platform::Clock::Mode::real);
     platform::Inbox inbox(clock);
     inbox.deliver({1}, clock.now_ms() + 3600e3);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
+    std::future<size_t> reader = std::async(std::launch::async, [&] {
         uint8_t byte = 0;
-        EXPECT_EQ(inbox.read(&byte, 1, 3600e3), 0u);
-        done = true;
+        return inbox.read(&byte, 1, 3600e3);
     });
     // Until the reader has begun waiting an interrupt may come too early
     // for it; the test only fails (by hanging) if the wake-up is lost.
-    while (!done) {
-        inbox.interrupt();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    reader.join();
+    while (reader.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) inbox.interrupt();
+    EXPECT_EQ(reader.get(), 0u);
     EXPECT_EQ(inbox.in_flight(), 1u);
 }
 
