@@ -44,16 +44,16 @@ TEST(Cm2Builders, GoldenPackets) {
 }
 
 // Every field of a parsed record, and the parser's result, as one line.
-std::string parsed(const Bytes &packet, int32_t length = -1) {
+std::string parsed(const Bytes &packet) {
     auto p = std::make_unique<cm2_packet>();
     std::memset(p.get(), 0x5A, sizeof *p);  // fields left unwritten show
-    const int32_t rc = kavrel_direct_parse_response(
-        packet.data(), length < 0 ? static_cast<int32_t>(packet.size()) : length, p.get());
+    const auto n = static_cast<int32_t>(packet.size());
+    const int32_t rc = kavrel_direct_parse_response(packet.data(), n, p.get());
     char line[256];
     std::snprintf(
         line, sizeof line,
-        "%d %02X%02X/%d %02X %04X %04X %02X %02X %d %d %d %d %02X %06X %X %02X size=%d %02X%02X crc=%08X/%d "
-        "raw=%d",
+        "%d %02X%02X/%d %02X %04X %04X %02X %02X %d %d %d %d %02X %06X %X %02X size=%d %02X%02X "
+        "crc=%08X/%d raw=%d",
         rc, p->pre[0], p->pre[7], p->preamble_ok, p->ver, p->ta, p->sa, p->srv, p->fsn, p->file_len,
         p->data_len, p->sn_packets, p->sn_index, p->pio_reg, static_cast<unsigned>(p->pio_addr),
         p->ans_status, p->ans_reply, p->data_size, p->data[0],
