@@ -24,14 +24,6 @@ int g_fail_at = 0;                // the counted allocation that fails; 0: none
 void *g_live[64];
 int g_live_count = 0;
 
-void *allocate(size_t bytes) {
-    const bool counted = t_counting > 0;
-    if (counted && ++g_counted == g_fail_at) return nullptr;
-    void *memory = std::malloc(bytes > 0 ? bytes : 1);
-    if (counted && memory != nullptr && g_live_count < 64) g_live[g_live_count++] = memory;
-    return memory;
-}
-
 void release(void *memory) {
     for (int i = 0; i < g_live_count; ++i)
         if (g_live[i] == memory) g_live[i] = g_live[--g_live_count];
@@ -43,8 +35,11 @@ void release(void *memory) {
 // The array and nothrow forms of the standard library come here through
 // these.
 void *operator new(size_t bytes) {
-    if (void *memory = allocate(bytes)) return memory;
-    throw std::bad_alloc();
+    const bool counted = t_counting > 0;
+    void *memory = counted && ++g_counted == g_fail_at ? nullptr : std::malloc(bytes > 0 ? bytes : 1);
+    if (memory == nullptr) throw std::bad_alloc();
+    if (counted && g_live_count < 64) g_live[g_live_count++] = memory;
+    return memory;
 }
 void operator delete(void *memory) noexcept {
     release(memory);

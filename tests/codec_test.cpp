@@ -108,14 +108,6 @@ TEST(Cm2Parser, Fields) {
     EXPECT_EQ(p->raw_len, 0);
 }
 
-template <typename Fn>
-std::string printed(Fn &&fn) {
-    ::testing::internal::CaptureStdout();
-    fn();
-    std::fflush(stdout);
-    return ::testing::internal::GetCapturedStdout();
-}
-
 std::string tree(const Bytes &packet) {
     cm2_packet p;
     kavrel_direct_parse_response(packet.data(), static_cast<int32_t>(packet.size()), &p);

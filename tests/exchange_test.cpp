@@ -156,9 +156,7 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
     trace_timing(true);
     auto traced = [&](uint8_t reg, std::vector<Chunk> reply, int32_t result) {
         bridge.reply_any(device, std::move(reply));
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(cm2_query(reg, 0, 2, answer, 64, &length), result);
-        return ::testing::internal::GetCapturedStdout();
+        return printed([&] { EXPECT_EQ(cm2_query(reg, 0, 2, answer, 64, &length), result); });
     };
     EXPECT_EQ(traced(0xC6, {Chunk{cm2_reply(0xC6, 0, Bytes(8, 0)), 30}}, OK),
               "[trace C6] write=0.000 ms, wait_header=30.000 ms, read_body=0.000 ms, total=30.000 ms, "

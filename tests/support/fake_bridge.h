@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -47,6 +48,15 @@ std::string str(const T &...values) {
     std::ostringstream s;
     ((s << (s.tellp() > 0 ? " " : "") << +values), ...);
     return s.str();
+}
+
+// What fn prints on standard output.
+template <typename Fn>
+std::string printed(Fn &&fn) {
+    ::testing::internal::CaptureStdout();
+    fn();
+    std::fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
 }
 
 struct Chunk {
