@@ -41,8 +41,7 @@ TEST_F(Devices, ListingPrintsEveryBridgeAndFailsQuietly) {
     EXPECT_EQ(kavrel_direct_open_device(0), KAVREL_DIRECT_ERR_NO_DEVICE);
     EXPECT_EQ(kavrel_direct_get_chip_serial_by_index(0, serial, 8), KAVREL_DIRECT_ERR_NO_DEVICE);
     bridge.attach("FT1");
-    bridge.attach("ABCDEFGH");
-    bridge.instrument(1).description = "Other";
+    bridge.instrument(bridge.attach("ABCDEFGH")).description = "Other";
     EXPECT_EQ(scan(), "2|[0] Fake Spectrometer (SN: FT1)\n[1] Other (SN: ABCDEFGH)\n");
     EXPECT_EQ(kavrel_direct_get_chip_serial_by_index(1, serial, 5), KAVREL_DIRECT_OK);
     EXPECT_STREQ(serial, "ABCD");

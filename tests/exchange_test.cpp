@@ -64,9 +64,8 @@ struct Case {
     bool nir;
     uint32_t a, b;  // CM2: register, words; NIR: capacity, quiet time
     std::vector<Chunk> reply;
-    int32_t result;
-    int32_t length;     // -1: untouched
-    const char *trace;  // null: not compared
+    int32_t result, length;  // length -1: untouched
+    const char *trace;       // null: not compared
     double ms;
 };
 
@@ -174,8 +173,7 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
 TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
     open(false);
     // A write carries at most 2016 bytes, and the bytes it names.
-    const Bytes data(2017, 1);
-    EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(cm2_write(0xC7, 0, Bytes(2017, 1).data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(cm2_write(0xC7, 0, nullptr, 1), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(bridge.trace(), "");
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 31});

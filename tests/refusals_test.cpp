@@ -24,9 +24,7 @@ kavrel_direct_wavelength_selection selection;
 void select_three() {
     if (g_active_index >= 0) active().selection_valid = 1, active().selected_count = 3;
 }
-void cache_nine() {
-    if (g_active_index >= 0) active().wavelength_count = 9;
-}
+const auto cache_nine = [] { if (g_active_index >= 0) active().wavelength_count = 9; };
 
 struct Refusal {
     const char *name;

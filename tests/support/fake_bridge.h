@@ -88,8 +88,7 @@ public:
     FakeBridge();  // installs itself as the provider in force
     ~FakeBridge() { use_provider(nullptr); }
 
-    // Attaches a bridge; returns its list position.
-    int attach(const std::string &serial);
+    int attach(const std::string &serial);  // a bridge; returns its list position
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
     // Scripts the next write of bridge index: the bytes it must carry (or
     // any), and the reply.
