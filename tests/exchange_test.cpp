@@ -69,9 +69,7 @@ struct Case {
     double ms;
 };
 
-Bytes part(const Bytes &bytes, size_t from, size_t to) {
-    return Bytes(bytes.begin() + static_cast<long>(from), bytes.begin() + static_cast<long>(to));
-}
+const auto part = [](const Bytes &b, long from, long to) { return Bytes(b.begin() + from, b.begin() + to); };
 const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
             kSix = nir_reply({1, 2, 3, 4, 5, 6});
 
