@@ -26,10 +26,10 @@ std::vector<crc32::Path> built_paths() {
     return {all, all + count};
 }
 
-class Crc32Path : public ::testing::TestWithParam<crc32::Path> {};
+class Crc32Path : public ::testing::TestWithParam<size_t> {};  // by position: a stable test name
 
 TEST_P(Crc32Path, MatchesTheBitwiseDefinitionAtEveryLengthAndAlignment) {
-    const crc32::Path &path = GetParam();
+    const crc32::Path path = built_paths()[GetParam()];
     if (!path.runnable) GTEST_SKIP() << path.name << " needs instructions this processor lacks";
 
     const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
@@ -62,9 +62,9 @@ TEST(Crc32, TheLibraryTakesTheFastestPathThisProcessorRuns) {
     EXPECT_EQ(crc32::fastest(), fastest);
 }
 
-INSTANTIATE_TEST_SUITE_P(Crc32, Crc32Path, ::testing::ValuesIn(built_paths()),
+INSTANTIATE_TEST_SUITE_P(Crc32, Crc32Path, ::testing::Range<size_t>(0, built_paths().size()),
                          [](const auto &info) {  // "slice-by-8" as "sliceby8"
-                             std::string name = info.param.name;
+                             std::string name = built_paths()[info.param].name;
                              name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
                              return name;
                          });

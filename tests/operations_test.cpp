@@ -22,6 +22,7 @@ struct Row {
     int32_t result;
     Out out = "";
     double ms = -1;  // virtual time the call takes; -1: not compared
+    friend void PrintTo(const Row &row, std::ostream *os) { *os << (row.nir ? "Nir" : "Cm2") << row.name; }
 };
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -380,9 +381,7 @@ TEST_P(Operations, SendTheirRequestsAndDecodeTheReplies) {
     EXPECT_EQ(row.ms >= 0 ? bridge.now_ms() - start : -1, row.ms);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, Operations, ::testing::ValuesIn(kRows), [](const auto &info) {
-    return std::string(info.param.nir ? "Nir" : "Cm2") + info.param.name;
-});
+INSTANTIATE_TEST_SUITE_P(Rows, Operations, ::testing::ValuesIn(kRows), ::testing::PrintToStringParamName());
 
 // Selecting a range on tables of every shape, on an instrument that answers
 // any table request. A set that fails keeps the selection before it whole.

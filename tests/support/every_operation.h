@@ -46,8 +46,6 @@ struct Operation {
     bool spectral;  // sized by what the instrument reports: may also give -5 (and -1 without a selection)
 };
 
-inline const uint8_t kPageBytes[4] = {1, 2, 3, 4};
-
 // An operation's call on the outputs o, then cm2_only and spectral.
 #define EVERY_OP(name, call, ...) \
     { name, []([[maybe_unused]] Outputs &o) { return kavrel_direct_##call; }, __VA_ARGS__ }
@@ -96,7 +94,7 @@ inline const Operation kEveryOperation[] = {
     EVERY_OP("selected wavelengths", get_selected_wavelength_data(o.wavelengths, 4096), false, true),
     EVERY_OP("whole spectrum", get_full_spectrum_data(o.samples, 4096), false, true),
     EVERY_OP("selected spectrum", get_selected_spectrum_data(o.samples, 4096), false, true),
-    EVERY_OP("flash write", flash_write(3, kPageBytes, 4), false, false),
+    EVERY_OP("flash write", flash_write(3, o.page, 4), false, false),
     EVERY_OP("flash read", flash_read(3, o.page, 16), false, false),
     EVERY_OP("external spectrum", external_spectrum_control(1, o.samples, 4096), true, true),
     EVERY_OP("reset", reset_device(), false, false),
