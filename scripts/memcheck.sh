@@ -27,7 +27,6 @@ for target in codec exchange operations sim; do
 done
 run "$build/tests/sim/kavrel_sim_tests" --gtest_brief=1
 run "$build/tests/sim/kavrel_soak" --requests 2000
-run "$build/tests/kavrel_c_consumer"
 run "$build/tests/kavrel_codec_client"
 LD_LIBRARY_PATH=$build/tests/fake_driver run "$build/tests/kavrel_driver_client"
 echo "== memcheck: no errors, no leaks"

@@ -7,16 +7,13 @@
 // they count (and fail) only what the library allocates during an operation,
 // not what the test or the fake instrument behind the provider allocate.
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <new>
 
-#include "support/device_fixture.h"
+#include "support/fake_bridge.h"
 #include "support/every_operation.h"
 #ifdef KAVREL_WITH_LIBFTDI
 #include "support/fake_ftdi.h"
 #endif
-#include "support/spectral_model.h"
 
 namespace {
 
@@ -26,14 +23,6 @@ int g_fail_at = 0;                // the counted allocation that fails; 0: none
 // The counted allocations not yet freed.
 void *g_live[64];
 int g_live_count = 0;
-
-void *allocate(size_t bytes) {
-    const bool counted = t_counting > 0;
-    if (counted && ++g_counted == g_fail_at) return nullptr;
-    void *memory = std::malloc(bytes > 0 ? bytes : 1);
-    if (counted && memory != nullptr && g_live_count < 64) g_live[g_live_count++] = memory;
-    return memory;
-}
 
 void release(void *memory) {
     for (int i = 0; i < g_live_count; ++i)
@@ -46,8 +35,11 @@ void release(void *memory) {
 // The array and nothrow forms of the standard library come here through
 // these.
 void *operator new(size_t bytes) {
-    if (void *memory = allocate(bytes)) return memory;
-    throw std::bad_alloc();
+    const bool counted = t_counting > 0;
+    void *memory = counted && ++g_counted == g_fail_at ? nullptr : std::malloc(bytes > 0 ? bytes : 1);
+    if (memory == nullptr) throw std::bad_alloc();
+    if (counted && g_live_count < 64) g_live[g_live_count++] = memory;
+    return memory;
 }
 void operator delete(void *memory) noexcept {
     release(memory);
@@ -59,20 +51,18 @@ void operator delete(void *memory, size_t) noexcept {
 namespace kavrel::test {
 namespace {
 
+// Counts while it lives; Counting(-1) pauses the count.
 struct Counting {
-    Counting() { ++t_counting; }
-    ~Counting() { --t_counting; }
-};
-struct Paused {
-    Paused() { --t_counting; }
-    ~Paused() { ++t_counting; }
+    explicit Counting(int step = 1) : step(step) { t_counting += step; }
+    ~Counting() { t_counting -= step; }
+    const int step;
 };
 
 // Stands in front of the fake bridge and stops the count for every call
 // into it: the fake instrument's allocations are not the library's.
 #define UNCOUNTED(result, call, params, ...)                    \
     result call params {                                         \
-        Paused p;                                                \
+        Counting paused(-1);                                     \
         return Forwarder::call(__VA_ARGS__);                     \
     }
 struct Uncounted : platform::Forwarder {
@@ -95,10 +85,8 @@ struct Uncounted : platform::Forwarder {
 
 // Listing and opening again, besides the device operations.
 const Operation kTableOperations[] = {
-    {"chip serial", [](Outputs &o) { return kavrel_direct_get_chip_serial_by_index(0, o.text, 40); }, false,
-     false},
-    {"open again", [](Outputs &) { return kavrel_direct_open_device_by_chip_serial("ALLOC001"); }, false,
-     false},
+    EVERY_OP("chip serial", get_chip_serial_by_index(0, o.text, 40), false, false),
+    EVERY_OP("open again", open_device_by_chip_serial("ALLOC001"), false, false),
 };
 
 class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {
@@ -111,27 +99,16 @@ protected:
         DeviceTest::SetUp();
         use_provider(&table);
         model.table = {400, 410, 420, 430, 440};
-        model.spectrum = {10, 11, 12, 13, 14};
         model.serve(bridge, GetParam() ? open_nir("ALLOC001") : open_cm2("ALLOC001"), GetParam());
     }
-    void TearDown() override {
-        g_fail_at = 0;
-        DeviceTest::TearDown();
-    }
 
-    // The state every call starts from: no point count cached, points 1 to
-    // 3 selected, the library's first-use statics already made.
-    void prepare() {
-        active().wavelength_count = 0;
-        active().selection_valid = 1;
-        active().start_index = 1;
-        active().end_index = 3;
-        active().selected_count = 3;
-    }
-
-    // Runs the operation with the nth allocation failing (0: none).
+    // Runs the operation with the nth allocation failing (0: none), from no
+    // point count cached, points 1 to 3 selected, the library's first-use
+    // statics already made.
     int32_t run(const Operation &op, Outputs &out, int nth) {
-        prepare();
+        device_slot &s = active();
+        s.wavelength_count = 0, s.selection_valid = 1, s.start_index = 1, s.end_index = 3;
+        s.selected_count = 3;
         out.fill();
         g_counted = g_live_count = 0;
         g_fail_at = nth;
@@ -153,9 +130,7 @@ protected:
             EXPECT_EQ(g_counted, nth) << "went on after the failed allocation";
             EXPECT_EQ(g_live_count, 0) << "leaked";
             EXPECT_TRUE(out->untouched()) << "output written on failure";
-            EXPECT_EQ(active().selection_valid, 1u);
-            EXPECT_EQ(active().start_index, 1);
-            EXPECT_EQ(active().selected_count, 3);
+            EXPECT_EQ(str(active().selection_valid, active().start_index, active().selected_count), "1 1 3");
 
             EXPECT_EQ(run(op, *out, 0), result) << "the device does not answer afterwards";
             EXPECT_TRUE(*out == *expected) << "the next answer differs";
@@ -213,9 +188,7 @@ TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
 #endif
 
 INSTANTIATE_TEST_SUITE_P(Every, AllocationFailure, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool> &info) {
-                             return info.param ? "Nir" : "Cm2";
-                         });
+                         [](const auto &info) { return info.param ? "Nir" : "Cm2"; });
 
 }  // namespace
 }  // namespace kavrel::test

@@ -1,11 +1,9 @@
-/* A C application that links the library and prints what its codec
- * functions make of a few CM2 packets: the CRC-32 check value, the hex dump
- * and the field tree of a parsed reply, a reply with a damaged byte and one
- * with a wrong preamble. Built for Linux and for Windows from this one
- * source; the Windows build's output must equal the Linux build's byte for
- * byte, so that the diagnostics read the same on every platform.
- *
- * On Windows stdout is switched to binary mode: the C runtime's text mode
+/* A C99 application that includes only the public header and links the
+ * shared library, as users do: without a bridge driver on the machine the
+ * library loads, lists nothing and refuses to open. It prints what the codec
+ * makes of a few CM2 packets; the Windows build's output must equal the
+ * Linux build's byte for byte, so that the diagnostics read the same on
+ * every platform. On Windows stdout is switched to binary mode: text mode
  * would turn every "\n" into "\r\n", and the comparison is of the bytes the
  * library prints, not of the platform's line endings. */
 #include <stdio.h>
@@ -17,41 +15,24 @@
 #endif
 
 #include "kavrel_direct.h"
+#include "support/c_check.h"
 
 #define DATA_BYTES 40
 #define PACKET_BYTES (28 + DATA_BYTES + 4)
-
-static void store_be(uint8_t *at, uint32_t value, int bytes) {
-    int i;
-    for (i = bytes - 1; i >= 0; --i) {
-        at[i] = (uint8_t)(value & 0xFF);
-        value >>= 8;
-    }
-}
 
 /* A data reply from the spectrum register as an instrument sends it: the
  * preamble, the 20-byte header, the data words and the CRC-32 over all but
  * the preamble. */
 static void build_reply(uint8_t *packet) {
+    static const uint8_t head[28] = {0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0x10, 0x00,
+                                     0x02, 0x00, 0x01, 0xE0, 0x07, 0x00, DATA_BYTES / 4, 0x00,
+                                     DATA_BYTES / 4, 1, 1, 0xC6, 0x01, 0x23, 0x45, 0x00, 0x00, 0xAC};
+    uint32_t crc;
     int i;
-    memset(packet, 0xAA, 7);
-    packet[7] = 0xAB;
-    packet[8] = 0x10;
-    store_be(packet + 9, 0x0002, 2);
-    store_be(packet + 11, 0x0001, 2);
-    packet[13] = 0xE0;
-    packet[14] = 0x07;
-    store_be(packet + 15, DATA_BYTES / 4, 2);
-    store_be(packet + 17, DATA_BYTES / 4, 2);
-    packet[19] = 1;
-    packet[20] = 1;
-    packet[21] = 0xC6;
-    store_be(packet + 22, 0x012345, 3);
-    packet[25] = 0x00;
-    packet[26] = 0x00;
-    packet[27] = 0xAC;
+    memcpy(packet, head, sizeof head);
     for (i = 0; i < DATA_BYTES; ++i) packet[28 + i] = (uint8_t)(i * 7 + 3);
-    store_be(packet + PACKET_BYTES - 4, kavrel_direct_crc32(packet + 8, PACKET_BYTES - 12), 4);
+    crc = kavrel_direct_crc32(packet + 8, PACKET_BYTES - 12);
+    for (i = 0; i < 4; ++i) packet[PACKET_BYTES - 4 + i] = (uint8_t)(crc >> (24 - 8 * i));
 }
 
 static cm2_packet parsed;
@@ -69,30 +50,44 @@ static int show(const char *title, const uint8_t *packet, int32_t length) {
 int main(void) {
     const uint8_t digits[] = "123456789";
     uint8_t packet[PACKET_BYTES];
-    uint32_t crc;
-    int failures = 0;
+    char serial[16];
+    uint32_t crc, protocol = 0;
+    kavrel_direct_device_info info;
 
 #ifdef _WIN32
     _setmode(_fileno(stdout), _O_BINARY);
 #endif
+    CHECK(sizeof info == 168);
+    /* No bridge driver here: nothing is listed and nothing opens. */
+    CHECK(kavrel_direct_scan_devices() == 0u);
+    CHECK(kavrel_direct_open_device(0) == KAVREL_DIRECT_ERR_NO_DEVICE);
+    CHECK(kavrel_direct_open_device(-1) == KAVREL_DIRECT_ERR_INVALID_ARG);
+    CHECK(kavrel_direct_get_chip_serial_by_index(0, serial, sizeof serial) == KAVREL_DIRECT_ERR_NO_DEVICE);
+    CHECK(kavrel_direct_is_open() == 0);
+    CHECK(kavrel_direct_get_open_device_count() == 0);
+    CHECK(kavrel_direct_get_device_protocol(&protocol) == KAVREL_DIRECT_ERR_NOT_OPEN);
+    CHECK(kavrel_direct_select_device(4) == KAVREL_DIRECT_ERR_INVALID_ARG);
+    CHECK(kavrel_direct_select_device(0) == KAVREL_DIRECT_ERR_NOT_OPEN);
+    kavrel_direct_close_device();
+    kavrel_direct_close_all_devices();
 
     crc = kavrel_direct_crc32(digits, 9);
     printf("crc32(\"123456789\") = %08lX\n", (unsigned long)crc);
     printf("service 0x0D: %s\n", kavrel_direct_srv_name(0x0D));
     printf("reply 0xE3: %s\n", kavrel_direct_ans_reply_name(0xE3));
     /* The standard check value of the reflected CRC-32. */
-    if (crc != 0xCBF43926u) ++failures;
+    CHECK(crc == 0xCBF43926u);
+    CHECK(strcmp(kavrel_direct_srv_name(0x0D), "Read Memory (Query)") == 0);
+    CHECK(kavrel_direct_parse_response(digits, 9, &parsed) == -1 && parsed.raw_len == 0);
 
     build_reply(packet);
-    if (show("spectrum reply", packet, PACKET_BYTES) != 0) ++failures;
-
+    CHECK(show("spectrum reply", packet, PACKET_BYTES) == 0);
     packet[30] ^= 0x01;
-    if (show("one data bit flipped", packet, PACKET_BYTES) != 0 || parsed.crc_ok != 0) ++failures;
-
+    CHECK(show("one data bit flipped", packet, PACKET_BYTES) == 0 && parsed.crc_ok == 0);
     packet[3] = 0x55;
-    if (show("wrong preamble", packet, PACKET_BYTES) != -1) ++failures;
+    CHECK(show("wrong preamble", packet, PACKET_BYTES) == -1);
 
     fflush(stdout);
-    if (failures != 0) fprintf(stderr, "codec client: %d checks failed\n", failures);
-    return failures == 0 ? 0 : 1;
+    if (g_failures != 0) fprintf(stderr, "codec client: %d checks failed\n", g_failures);
+    return g_failures == 0 ? 0 : 1;
 }

@@ -1,18 +1,12 @@
 // Every CRC-32 path this build has, against the bitwise definition.
 #include <gtest/gtest.h>
 
-#include <cctype>
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "protocol/crc32.h"
-
-namespace kavrel::crc32 {
-void PrintTo(const Path &path, std::ostream *out) {
-    *out << path.name;
-}
-}  // namespace kavrel::crc32
 
 namespace kavrel::test {
 namespace {
@@ -32,10 +26,10 @@ std::vector<crc32::Path> built_paths() {
     return {all, all + count};
 }
 
-class Crc32Path : public ::testing::TestWithParam<crc32::Path> {};
+class Crc32Path : public ::testing::TestWithParam<size_t> {};  // by position: a stable test name
 
 TEST_P(Crc32Path, MatchesTheBitwiseDefinitionAtEveryLengthAndAlignment) {
-    const crc32::Path &path = GetParam();
+    const crc32::Path path = built_paths()[GetParam()];
     if (!path.runnable) GTEST_SKIP() << path.name << " needs instructions this processor lacks";
 
     const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
@@ -46,9 +40,8 @@ TEST_P(Crc32Path, MatchesTheBitwiseDefinitionAtEveryLengthAndAlignment) {
     for (auto &b : bytes) b = static_cast<uint8_t>(random());
     // Every start within a 16-byte vector, every length up to a few folding
     // blocks, and the sizes of real replies with odd tails.
-    std::vector<size_t> lengths;
+    std::vector<size_t> lengths{1000, 4128, 16384 + 13};
     for (size_t n = 0; n <= 320; ++n) lengths.push_back(n);
-    for (size_t n : {1000u, 4128u, 16384u + 13u}) lengths.push_back(n);
     for (size_t start = 0; start < 16; ++start)
         for (size_t n : lengths) {
             const uint8_t *p = bytes.data() + start;
@@ -69,11 +62,10 @@ TEST(Crc32, TheLibraryTakesTheFastestPathThisProcessorRuns) {
     EXPECT_EQ(crc32::fastest(), fastest);
 }
 
-INSTANTIATE_TEST_SUITE_P(Crc32, Crc32Path, ::testing::ValuesIn(built_paths()),
-                         [](const ::testing::TestParamInfo<crc32::Path> &info) {
-                             std::string name;
-                             for (const char *c = info.param.name; *c; ++c)
-                                 if (std::isalnum(static_cast<unsigned char>(*c))) name += *c;
+INSTANTIATE_TEST_SUITE_P(Crc32, Crc32Path, ::testing::Range<size_t>(0, built_paths().size()),
+                         [](const auto &info) {  // "slice-by-8" as "sliceby8"
+                             std::string name = built_paths()[info.param].name;
+                             name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
                              return name;
                          });
 

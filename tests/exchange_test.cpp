@@ -1,16 +1,10 @@
 // The two exchanges under every operation: the bridge calls each makes, in
 // order, with their limits, the reading of the reply and the results.
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
+#include <future>
 
-#include "platform/timing_engine.h"
-#include "support/device_fixture.h"
-#include "support/spectral_model.h"
+#include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
 #include "transport/nir_exchange.h"
 #include "transport/timing.h"
@@ -54,19 +48,14 @@ TEST(RealTime, AnInterruptEndsAReadThatWouldWaitAnHour) {
     platform::Clock clock(platform::Clock::Mode::real);
     platform::Inbox inbox(clock);
     inbox.deliver({1}, clock.now_ms() + 3600e3);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
+    std::future<size_t> reader = std::async(std::launch::async, [&] {
         uint8_t byte = 0;
-        EXPECT_EQ(inbox.read(&byte, 1, 3600e3), 0u);
-        done = true;
+        return inbox.read(&byte, 1, 3600e3);
     });
     // Until the reader has begun waiting an interrupt may come too early
     // for it; the test only fails (by hanging) if the wake-up is lost.
-    while (!done) {
-        inbox.interrupt();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    reader.join();
+    while (reader.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) inbox.interrupt();
+    EXPECT_EQ(reader.get(), 0u);
     EXPECT_EQ(inbox.in_flight(), 1u);
 }
 
@@ -75,21 +64,15 @@ struct Case {
     bool nir;
     uint32_t a, b;  // CM2: register, words; NIR: capacity, quiet time
     std::vector<Chunk> reply;
-    int32_t result;
-    int32_t length;     // -1: untouched
-    const char *trace;  // null: not compared
+    int32_t result, length;  // length -1: untouched
+    const char *trace;       // null: not compared
     double ms;
+    friend void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }  // a stable test name
 };
 
-Bytes part(const Bytes &bytes, size_t from, size_t to) {
-    return Bytes(bytes.begin() + static_cast<long>(from), bytes.begin() + static_cast<long>(to));
-}
+const auto part = [](const Bytes &b, long from, long to) { return Bytes(b.begin() + from, b.begin() + to); };
 const Bytes kEight = cm2_reply(0xC1, 0x41, {1, 2, 0x0A, 0xFF, 5, 6, 7, 8}),
             kSix = nir_reply({1, 2, 3, 4, 5, 6});
-constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, CRC = KAVREL_DIRECT_ERR_CRC,
-                  TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT;
-
-constexpr bool CM2 = false, NIR = true;
 
 // clang-format off
 const Case kCases[] = {
@@ -139,11 +122,11 @@ TEST_P(Exchanges, Traffic) {
     const auto reg = static_cast<uint8_t>(c.a);
     bridge.expect(device, c.nir ? nir_frame({'V'}) : cm2_query_bytes(reg, 0x41, static_cast<uint16_t>(c.b)),
                   c.reply);
-    const double start = bridge.now();
+    const double start = bridge.now_ms();
     EXPECT_EQ(c.nir ? nir_send_command(&command, 1, answer, &length, static_cast<int32_t>(c.a), c.b)
                     : cm2_query(reg, 0x41, c.b, answer, sizeof answer, &length),
               c.result);
-    EXPECT_EQ(bridge.now() - start, c.ms);
+    EXPECT_EQ(bridge.now_ms() - start, c.ms);
     EXPECT_EQ(length, c.length);
     const size_t first = c.nir ? 1 : 28;  // where the reply's data begins
     EXPECT_EQ(answer[0], c.length > 0 ? c.reply[0].bytes[first] : 0xEE);
@@ -153,23 +136,24 @@ TEST_P(Exchanges, Traffic) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, Exchanges, ::testing::ValuesIn(kCases),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, Exchanges, ::testing::ValuesIn(kCases), ::testing::PrintToStringParamName());
+
+void trace_timing(bool on) {
+#ifdef _WIN32
+    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", on ? "1" : "");
+#else
+    on ? setenv("KAVREL_DIRECT_TRACE_TIMING", "", 1) : unsetenv("KAVREL_DIRECT_TRACE_TIMING");
+#endif
+}
 
 // Being set is enough, even to nothing (where the platform keeps an empty
 // variable); the line is printed before the reply is judged.
 TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
     open(false);
-#ifdef _WIN32
-    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "1");
-#else
-    setenv("KAVREL_DIRECT_TRACE_TIMING", "", 1);
-#endif
+    trace_timing(true);
     auto traced = [&](uint8_t reg, std::vector<Chunk> reply, int32_t result) {
         bridge.reply_any(device, std::move(reply));
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(cm2_query(reg, 0, 2, answer, 64, &length), result);
-        return ::testing::internal::GetCapturedStdout();
+        return printed([&] { EXPECT_EQ(cm2_query(reg, 0, 2, answer, 64, &length), result); });
     };
     EXPECT_EQ(traced(0xC6, {Chunk{cm2_reply(0xC6, 0, Bytes(8, 0)), 30}}, OK),
               "[trace C6] write=0.000 ms, wait_header=30.000 ms, read_body=0.000 ms, total=30.000 ms, "
@@ -178,11 +162,7 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
     EXPECT_EQ(
         traced(0xC6, at_once(cm2_reply(0xC6, 0, {}, 0xE1)), CRC),
         "[trace C6] write=0.000 ms, wait_header=0.000 ms, read_body=0.000 ms, total=0.000 ms, expected=32\n");
-#ifdef _WIN32
-    _putenv_s("KAVREL_DIRECT_TRACE_TIMING", "");
-#else
-    unsetenv("KAVREL_DIRECT_TRACE_TIMING");
-#endif
+    trace_timing(false);
 }
 
 // Writes refused before anything is sent; a write the bridge takes only part
@@ -191,8 +171,7 @@ TEST_F(Exchange, Cm2TimingTraceOnlyForTheSpectrumRegister) {
 TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
     open(false);
     // A write carries at most 2016 bytes, and the bytes it names.
-    const Bytes data(2017, 1);
-    EXPECT_EQ(cm2_write(0xC7, 0, data.data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
+    EXPECT_EQ(cm2_write(0xC7, 0, Bytes(2017, 1).data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(cm2_write(0xC7, 0, nullptr, 1), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(bridge.trace(), "");
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 31});
@@ -204,7 +183,12 @@ TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
     EXPECT_EQ(answer[0], 0xEE);
 }
 
+// With no device open, first; then commands of 1 to 8190 bytes.
 TEST_F(Exchange, NirCommandsOf1To8190BytesAndBridgeFailures) {
+    int32_t received = 0;
+    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(nir_read_available(answer, 64, &received, 500), KAVREL_DIRECT_ERR_NOT_OPEN);
+    EXPECT_EQ(cm2_query(0xC1, 0, 1, answer, 64, &length), KAVREL_DIRECT_ERR_NOT_OPEN);
     open(true);
     const Bytes big(8191, 0x11);
     EXPECT_EQ(nir_send_command(big.data(), 0, answer, &length, 32, 300), KAVREL_DIRECT_ERR_INVALID_ARG);
@@ -251,13 +235,6 @@ TEST_F(Exchange, RawPassThroughCollectsUntilTheLineStaysSilent) {
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 0});  // nothing taken
     EXPECT_EQ(kavrel_direct_send_recv(&command, 1, reply, &size), KAVREL_DIRECT_ERR_IO);
     EXPECT_EQ(size, 5u);
-}
-
-TEST_F(Exchange, NeedAnOpenDevice) {
-    int32_t received = 0;
-    EXPECT_EQ(nir_send_command(&command, 1, answer, &length, 32, 300), KAVREL_DIRECT_ERR_NOT_OPEN);
-    EXPECT_EQ(nir_read_available(answer, 64, &received, 500), KAVREL_DIRECT_ERR_NOT_OPEN);
-    EXPECT_EQ(cm2_query(0xC1, 0, 1, answer, 64, &length), KAVREL_DIRECT_ERR_NOT_OPEN);
 }
 
 }  // namespace

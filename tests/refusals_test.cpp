@@ -2,17 +2,15 @@
 // null output or no room, or an operation with only a CM2 form on an NIR
 // instrument.
 #include <cmath>
-#include <functional>
 
-#include "support/device_fixture.h"
+#include "support/fake_bridge.h"
 #include "transport/cm2_exchange.h"
 
 namespace kavrel::test {
 namespace {
 
-constexpr int32_t ARG = KAVREL_DIRECT_ERR_INVALID_ARG, NONE = KAVREL_DIRECT_ERR_UNSUPPORTED,
-                  GENERIC = KAVREL_DIRECT_ERR_GENERIC, CLOSED = KAVREL_DIRECT_ERR_NOT_OPEN;
-constexpr int32_t SENDS = 1;  // not refused on that protocol: not tried here
+constexpr int32_t NONE = KAVREL_DIRECT_ERR_UNSUPPORTED, GENERIC = KAVREL_DIRECT_ERR_GENERIC,
+                  CLOSED = KAVREL_DIRECT_ERR_NOT_OPEN, SENDS = 1;  // SENDS: not refused there, not tried
 
 uint8_t b, page[16];
 uint16_t w, s[8];
@@ -22,16 +20,11 @@ double d[8];
 char text[16];
 kavrel_direct_wavelength_selection selection;
 
-device_slot &slot() {
-    return g_devices[g_active_index];
-}
 // Three points selected; nine points cached (with a device open).
 void select_three() {
-    if (g_active_index >= 0) slot().selection_valid = 1, slot().selected_count = 3;
+    if (g_active_index >= 0) active().selection_valid = 1, active().selected_count = 3;
 }
-void cache_nine() {
-    if (g_active_index >= 0) slot().wavelength_count = 9;
-}
+const auto cache_nine = [] { if (g_active_index >= 0) active().wavelength_count = 9; };
 
 struct Refusal {
     const char *name;
@@ -39,18 +32,11 @@ struct Refusal {
     int32_t cm2, nir, closed = CLOSED;
 };
 
+// clang-format off
 // A call, quoted for the failure message, and its results on a CM2
 // instrument, on an NIR instrument and with no device open.
-#define REFUSED(call, ...)                                      \
-    {                                                           \
-#call, [] { return kavrel_direct_##call; }, __VA_ARGS__ \
-    }
-#define AFTER(prepare, call, ...)                                          \
-    {                                                                      \
-#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__ \
-    }
-
-// clang-format off
+#define REFUSED(call, ...) {#call, [] { return kavrel_direct_##call; }, __VA_ARGS__}
+#define AFTER(prepare, call, ...) {#call, [] { return prepare(), kavrel_direct_##call; }, __VA_ARGS__}
 const Refusal kRefusals[] = {
     REFUSED(get_device_protocol(nullptr), ARG, ARG), REFUSED(get_capabilities(nullptr), ARG, ARG),
     REFUSED(get_integration_time(nullptr), ARG, ARG), REFUSED(get_average_number(nullptr), ARG, ARG),
@@ -125,10 +111,7 @@ class Refused : public DeviceTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(Refused, BeforeAnythingIsSent) {
     const uint32_t protocol = static_cast<uint32_t>(GetParam());
-    if (protocol == KAVREL_DIRECT_PROTOCOL_AUTO)
-        bridge.attach("REFUSING");
-    else
-        open_with(protocol, "REFUSING");
+    protocol == KAVREL_DIRECT_PROTOCOL_AUTO ? bridge.attach("REFUSING") : open_with(protocol, "REFUSING");
     for (const Refusal &r : kRefusals) {
         const int32_t expected = protocol == KAVREL_DIRECT_PROTOCOL_CM2   ? r.cm2
                                  : protocol == KAVREL_DIRECT_PROTOCOL_NIR ? r.nir
@@ -136,17 +119,15 @@ TEST_P(Refused, BeforeAnythingIsSent) {
         if (expected != SENDS) {
             EXPECT_EQ(r.call(), expected) << r.name;
         }
-        if (protocol != KAVREL_DIRECT_PROTOCOL_AUTO) slot().wavelength_count = 0, slot().selection_valid = 0;
+        if (g_active_index >= 0) active().wavelength_count = 0, active().selection_valid = 0;
     }
     EXPECT_EQ(bridge.trace(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Refused,
-                         ::testing::Values(KAVREL_DIRECT_PROTOCOL_AUTO, KAVREL_DIRECT_PROTOCOL_CM2,
-                                           KAVREL_DIRECT_PROTOCOL_NIR),
-                         [](const auto &info) {
-                             return info.param == 0 ? "NoDevice" : info.param == 1 ? "Cm2" : "Nir";
-                         });
+// The protocol preference's values: no device (AUTO), CM2, NIR.
+INSTANTIATE_TEST_SUITE_P(Each, Refused, ::testing::Values(0, 1, 2), [](const auto &info) {
+    return info.param == 0 ? "NoDevice" : info.param == 1 ? "Cm2" : "Nir";
+});
 
 }  // namespace
 }  // namespace kavrel::test

@@ -28,13 +28,12 @@ struct Outputs {
     uint16_t samples[4096];
 
     void fill() { std::memset(this, 0xA5, sizeof *this); }
-    bool untouched() const {
-        const auto *bytes = reinterpret_cast<const uint8_t *>(this);
-        for (size_t i = 0; i < sizeof *this; ++i)
-            if (bytes[i] != 0xA5) return false;
-        return true;
-    }
     bool operator==(const Outputs &other) const { return std::memcmp(this, &other, sizeof *this) == 0; }
+    bool untouched() const {
+        Outputs pattern;
+        pattern.fill();
+        return *this == pattern;
+    }
 };
 
 // The wavelength range the selection operation asks for.
@@ -46,8 +45,6 @@ struct Operation {
     bool cm2_only;
     bool spectral;  // sized by what the instrument reports: may also give -5 (and -1 without a selection)
 };
-
-inline const uint8_t kPageBytes[4] = {1, 2, 3, 4};
 
 // An operation's call on the outputs o, then cm2_only and spectral.
 #define EVERY_OP(name, call, ...) \
@@ -97,13 +94,12 @@ inline const Operation kEveryOperation[] = {
     EVERY_OP("selected wavelengths", get_selected_wavelength_data(o.wavelengths, 4096), false, true),
     EVERY_OP("whole spectrum", get_full_spectrum_data(o.samples, 4096), false, true),
     EVERY_OP("selected spectrum", get_selected_spectrum_data(o.samples, 4096), false, true),
-    EVERY_OP("flash write", flash_write(3, kPageBytes, 4), false, false),
+    EVERY_OP("flash write", flash_write(3, o.page, 4), false, false),
     EVERY_OP("flash read", flash_read(3, o.page, 16), false, false),
     EVERY_OP("external spectrum", external_spectrum_control(1, o.samples, 4096), true, true),
     EVERY_OP("reset", reset_device(), false, false),
 };
 // clang-format on
-#undef EVERY_OP
 
 }  // namespace kavrel::test
 
