@@ -230,6 +230,9 @@ const Row kRows[] = {
     // Twelve bytes: a longer serial is cut, with no terminator.
     {"SetSerialNumberLong", CM2, DO(set_serial_number("1234567890ABCDE")),
      {{W(0xC2, 4, {'1', '2', '3', '4', '5', '6', '7', '8', '9', '0', 'A', 'B'}), ACK}}, OK},
+    // Padded with 0 from the terminator on, whatever lies behind it.
+    {"SetSerialNumberShort", CM2, DO(set_serial_number("AB\0CDEFGHIJKLMN")),
+     {{W(0xC2, 4, {'A', 'B', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), ACK}}, OK},
     {"UsbBaudRate", CM2, GET(usb_baud_rate), {{Q(0xC1, 0x43, 1), R({0xFF, 0xFF, 0, 0x60})}}, OK, "96"},
     {"UsbStatusSet", CM2, GET(usb_status), {{Q(0xC1, 0x50, 1), R({0, 0, 0, 0xAA})}}, OK, "1"},
     {"DeviceInfo", NIR, kDeviceInfo,
