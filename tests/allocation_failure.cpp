@@ -32,8 +32,8 @@ void release(void *memory) {
 
 }  // namespace
 
-// The array and nothrow forms of the standard library come here through
-// these.
+// Every form is replaced: a sanitizer's runtime provides each one itself,
+// and memory from its allocator must not reach free().
 void *operator new(size_t bytes) {
     const bool counted = t_counting > 0;
     void *memory = counted && ++g_counted == g_fail_at ? nullptr : std::malloc(bytes > 0 ? bytes : 1);
@@ -41,10 +41,35 @@ void *operator new(size_t bytes) {
     if (counted && g_live_count < 64) g_live[g_live_count++] = memory;
     return memory;
 }
+void *operator new[](size_t bytes) {
+    return operator new(bytes);
+}
+void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
+    try {
+        return operator new(bytes);
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+void *operator new[](size_t bytes, const std::nothrow_t &tag) noexcept {
+    return operator new(bytes, tag);
+}
 void operator delete(void *memory) noexcept {
     release(memory);
 }
+void operator delete[](void *memory) noexcept {
+    release(memory);
+}
 void operator delete(void *memory, size_t) noexcept {
+    release(memory);
+}
+void operator delete[](void *memory, size_t) noexcept {
+    release(memory);
+}
+void operator delete(void *memory, const std::nothrow_t &) noexcept {
+    release(memory);
+}
+void operator delete[](void *memory, const std::nothrow_t &) noexcept {
     release(memory);
 }
 
