@@ -372,9 +372,9 @@ std::string load_libftdi(const char *ftdi_library, const char *usb_library, Ftdi
         // builds; memcpy avoids the cast -Wpedantic rejects.
         std::memcpy(reinterpret_cast<char *>(&calls) + symbol.offset, &address, sizeof address);
     }
-    // Loaded, the libraries stay for the life of the process.
-    for (void *library : libraries)
-        if (!why.empty() && library != nullptr) dlclose(library);
+    // The libraries stay for the life of the process, even when a call is
+    // missing: loading is tried once per process, and unloading a library
+    // that brought dependencies leaks the loader's record of them.
     return why;
 }
 
