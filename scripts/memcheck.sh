@@ -11,7 +11,7 @@ build=${1:-build/gcc}
 # "Possibly lost" blocks are not counted: libusb, under the libftdi1
 # provider's context that lives as long as the process, keeps its own
 # blocks through interior pointers, which valgrind reports that way.
-memcheck=(valgrind --quiet --error-exitcode=99 --leak-check=full
+memcheck=(valgrind --quiet --error-exitcode=99 --leak-check=full --suppressions=scripts/valgrind.supp
           --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect)
 
 run() {
