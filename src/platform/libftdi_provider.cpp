@@ -373,8 +373,7 @@ std::string load_libftdi(const char *ftdi_library, const char *usb_library, Ftdi
         std::memcpy(reinterpret_cast<char *>(&calls) + symbol.offset, &address, sizeof address);
     }
     // The libraries stay for the life of the process, even when a call is
-    // missing: loading is tried once per process, and unloading a library
-    // that brought dependencies leaks the loader's record of them.
+    // missing: loading is tried once per process.
     return why;
 }
 
