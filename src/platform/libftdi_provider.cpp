@@ -357,24 +357,23 @@ static_assert(sizeof kSymbols / sizeof kSymbols[0] * sizeof(void (*)()) == sizeo
 }  // namespace
 
 std::string load_libftdi(const char *ftdi_library, const char *usb_library, FtdiCalls &calls) {
-    void *libraries[2] = {dlopen(ftdi_library, RTLD_NOW | RTLD_LOCAL), dlopen(usb_library, RTLD_NOW | RTLD_LOCAL)};
-    std::string why;
-    if (libraries[0] == nullptr || libraries[1] == nullptr)
-        why = std::string(libraries[0] == nullptr ? ftdi_library : usb_library) + " not found";
+    // The libraries stay for the life of the process, even when a call is
+    // missing: loading is tried once per process.
+    void *ftdi = dlopen(ftdi_library, RTLD_NOW | RTLD_LOCAL);
+    if (ftdi == nullptr) return std::string(ftdi_library) + " not found";
+    void *usb = dlopen(usb_library, RTLD_NOW | RTLD_LOCAL);
+    if (usb == nullptr) return std::string(usb_library) + " not found";
     for (const Symbol &symbol : kSymbols) {
-        if (!why.empty()) break;
-        void *address = dlsym(libraries[symbol.in_usb ? 1 : 0], symbol.name);
+        void *address = dlsym(symbol.in_usb ? usb : ftdi, symbol.name);
         // ftdi_usb_get_strings2 and ftdi_tcioflush came with libftdi1 1.5.
         if (address == nullptr)
-            why = std::string(ftdi_library) + " or " + usb_library + " lacks " + symbol.name +
-                  " (libftdi1 1.5 or later)";
+            return std::string(ftdi_library) + " or " + usb_library + " lacks " + symbol.name +
+                   " (libftdi1 1.5 or later)";
         // Function and object pointers share a size wherever this file
         // builds; memcpy avoids the cast -Wpedantic rejects.
         std::memcpy(reinterpret_cast<char *>(&calls) + symbol.offset, &address, sizeof address);
     }
-    // The libraries stay for the life of the process, even when a call is
-    // missing: loading is tried once per process.
-    return why;
+    return "";
 }
 
 namespace {
