@@ -10,13 +10,16 @@ import os
 import pathlib
 import pty
 import re
+import select
 import subprocess
 import sys
+import termios
+import tty
 import zlib
 
 import pytest
 
-KAVREL = os.environ.get("KAVREL_CLI_UNDER_TEST")
+KAVREL, SERVER = os.environ.get("KAVREL_CLI_UNDER_TEST"), os.environ.get("KAVREL_SIM_SERVER")
 SIM = ["--sim", "--sim-virtual-time"]
 CM2, NIR = "KSIM0001", "KSIM0002"
 no_bridge = pytest.mark.skipif(
@@ -51,6 +54,18 @@ def cm2_query(register, address, words):
     body = bytes([0xCC, 0x00, 0x01, 0x00, 0x02, 0x0D, 0xEE, 0x00, words, 0x00, 0x00, 0x01, 0x01, register,
                   address >> 16 & 0xFF, address >> 8 & 0xFF, address & 0xFF, 0x00, 0x00, 0x00])
     return bytes([0xAA] * 7 + [0xAB]) + body + zlib.crc32(body).to_bytes(4, "big")
+
+
+def drain(fd, enough=1 << 20):
+    """A terminal's bytes, a piece a read, until enough came, it ended (EIO once its writer is gone) or 10 s passed."""
+    data = b""
+    try:
+        while len(data) < enough and select.select([fd], [], [], 10)[0] and (chunk := os.read(fd, 65536)):
+            data += chunk
+    except OSError:
+        pass
+    os.close(fd)
+    return data
 
 
 def test_scan_doctor_and_settings_lists():
@@ -154,15 +169,7 @@ def test_progress_bar_only_on_a_terminal():
     command = [KAVREL, *SIM, "acquire", "-n", "3"]
     status = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=slave, timeout=60).returncode
     os.close(slave)
-    # A terminal hands its buffer over a piece a read: read to its end (EIO once the writer is gone).
-    chunks = []
-    while chunks[-1:] != [b""]:
-        try:
-            chunks.append(os.read(master, 65536))
-        except OSError:
-            break
-    os.close(master)
-    shown = b"".join(chunks).decode()
+    shown = drain(master).decode()
     assert status == 0 and re.search(r"\d/3 +\d+:\d\d left", shown)
     drawn = [int(n) for n in re.findall(r"(\d)/3", shown)]
     assert (drawn[0], drawn[-1]) == (0, 3) and drawn == sorted(drawn)
@@ -249,6 +256,23 @@ def test_crc_and_parse_need_no_instrument():
     assert "SRV:  0D                    (Read Memory (Query))" in text and "(CRC OK)" in text
     r = run("parse", "-", stdin=(packet[:-1] + bytes([packet[-1] ^ 1])).hex().encode(), sim=False)
     assert r.returncode == 17 and b"(CRC FAIL)" in r.stdout
+
+
+@pytest.mark.skipif(not SERVER, reason="run by the sim_server_pty test, which names kavrel-sim")
+def test_sim_server_answers_a_query_split_on_its_terminal():
+    server = subprocess.Popen([SERVER, "--pty", "--protocol", "cm2"], stdout=subprocess.PIPE)
+    try:
+        line = os.open(server.stdout.readline().strip(), os.O_RDWR | os.O_NOCTTY)
+        tty.setraw(line)
+        termios.tcflush(line, termios.TCIOFLUSH)
+        query = cm2_query(0xC1, 0x000046, 4)  # the model text, in two pieces as a serial line may carry it
+        os.write(line, query[:10]), os.write(line, query[10:])
+        reply = drain(line, 48)
+    finally:
+        server.terminate()
+        server.wait()
+    assert (len(reply), reply[:8], reply[21:25], reply[27]) == (48, query[:8], query[21:25], 0xAC)
+    assert reply[28:44] == b"KSIM-CM2-2048\0\0\0" and zlib.crc32(reply[8:-4]) == int.from_bytes(reply[-4:], "big")
 
 
 if __name__ == "__main__":
