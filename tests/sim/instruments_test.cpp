@@ -6,9 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <numeric>
+#include <random>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -17,7 +22,9 @@
 #include "kavrel_direct.h"
 #include "kavrel_sim.h"
 #include "sim/world.h"
+#include "support/every_operation.h"
 #include "transport/device_table.h"
+#include "transport/timing.h"
 
 namespace kavrel::test {
 namespace {
@@ -499,6 +506,138 @@ TEST_F(Sim, SpectraFlowAtTheBridgesRate) {
     EXPECT_NEAR(on_full - on_high, 4128 * (10 / 3000.0 - 1 / 2600.0), 1.5);
     EXPECT_LT(elapsed("FULL", false), 2.0);
     EXPECT_LT(elapsed("HIGH", false), 1.5);
+}
+
+// Watches the library through its provider: how long each read waits
+// against the limit in force, and the longest silence within an exchange
+// (from a request, or the last byte that came, to the next byte or the end).
+struct Watch : platform::Forwarder {
+    using Forwarder::Forwarder;
+    std::map<platform::Handle, uint32_t> read_limit;
+    double last_byte_ms = 0, longest_silence_ms = 0;
+    std::string broken;
+
+    platform::Status set_timeouts(platform::Handle h, uint32_t r, uint32_t w) {
+        read_limit[h] = r;
+        return Forwarder::set_timeouts(h, r, w);
+    }
+    platform::Status write(platform::Handle h, const void *b, uint32_t n, uint32_t *written) {
+        note_byte(now_ms());
+        return Forwarder::write(h, b, n, written);
+    }
+    platform::Status read(platform::Handle h, void *b, uint32_t n, uint32_t *returned) {
+        const double started = now_ms();
+        const platform::Status status = Forwarder::read(h, b, n, returned);
+        if (now_ms() - started > read_limit[h] + 1e-6) broken = "a read outlasted the limit in force";
+        if (*returned > 0) note_byte(now_ms());
+        return status;
+    }
+    void note_byte(double now) {
+        longest_silence_ms = std::max(longest_silence_ms, now - last_byte_ms);
+        last_byte_ms = now;
+    }
+};
+
+// A fault of a random kind, lasting one to three requests, with a parameter
+// around the limits it tests.
+kavrel_sim_fault random_fault(std::mt19937_64 &random) {
+    const auto kind = static_cast<uint32_t>(random() % KAVREL_SIM_FAULT_WRITE_FAILURE + 1);
+    const auto count = static_cast<uint32_t>(random() % 3 + 1);
+    const uint64_t parameter = kind == KAVREL_SIM_FAULT_DELAY        ? random() % 1500
+                               : kind == KAVREL_SIM_FAULT_TRUNCATE   ? random() % 48
+                               : kind == KAVREL_SIM_FAULT_REPLY_CODE ? 0xE0 + random() % 4
+                               : kind == KAVREL_SIM_FAULT_TRICKLE    ? random() % 300 + 1
+                                                                     : 0;
+    return {kind, count, static_cast<uint32_t>(parameter), 0};
+}
+
+// The results the header gives for op on a device of that protocol.
+bool allowed(const Operation &op, bool nir, int32_t rc) {
+    if (op.cm2_only && nir) return rc == KAVREL_DIRECT_ERR_UNSUPPORTED;
+    switch (rc) {
+        case KAVREL_DIRECT_ERR_IO:
+        case KAVREL_DIRECT_ERR_CRC:
+        case KAVREL_DIRECT_ERR_TIMEOUT: return true;
+        case KAVREL_DIRECT_ERR_PARSE:
+        case KAVREL_DIRECT_ERR_WRITE_PROTECT: return !nir;
+        case KAVREL_DIRECT_ERR_GENERIC:
+        case KAVREL_DIRECT_ERR_INVALID_ARG: return op.spectral;
+        default: return rc >= 0;  // success, or a byte count
+    }
+}
+
+// The soak: thousands of requests against four open instruments (two CM2, two
+// NIR), switched at random, a third of them after a fault of a random kind.
+// After every call: its result is one the header gives for that operation on
+// that protocol, whatever the fault; a call that failed left its outputs
+// alone; no bridge read outlasted the limit in force and the library never
+// waited in silence longer than its longest limit; after a fault or a failure,
+// once what was on its way has landed, the device answers a clean request
+// correctly. The seed is new each run (KAVREL_SOAK_SEED repeats one);
+// KAVREL_SOAK_REQUESTS sets the count (20000).
+TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
+    const char *seed_text = std::getenv("KAVREL_SOAK_SEED"), *requests_text = std::getenv("KAVREL_SOAK_REQUESTS");
+    const uint64_t seed = seed_text ? std::stoull(seed_text)
+                                    : uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
+    const long requests = requests_text ? std::stol(requests_text) : 20000;
+    std::printf("soak: seed %llu, %ld requests\n", static_cast<unsigned long long>(seed), requests);
+    std::mt19937_64 random(seed);
+    // Both outlive the test body: the fixture closes the devices through them.
+    static Watch watch(sim::world_provider());
+    static const platform::Platform watched = platform::provider_table("watch", watch);
+    use_provider(&watched);
+    kavrel_sim_config configs[4];  // in slots 0 to 3
+    for (int i = 0; i < 4; ++i) {
+        configs[i] = sim_config(i % 2 ? NIR : CM2, "SOAK" + std::to_string(i));
+        configs[i].seed = seed + static_cast<uint64_t>(i);
+        attach_and_open(configs[i]);
+        ASSERT_EQ(g_active_index, i);
+    }
+    const auto out = std::make_unique<Outputs>();
+    long failures = 0, faults = 0;
+    for (long n = 0; n < requests && !HasFailure(); ++n) {
+        const int device = static_cast<int>(random() % 4);
+        const kavrel_sim_config &config = configs[device];
+        const Operation &op = kEveryOperation[random() % std::size(kEveryOperation)];
+        kavrel_direct_select_device(device);
+        const bool nir = config.instrument == NIR;
+        // Inside either instrument's range.
+        g_select_from = nir ? 1200 : 500;
+        g_select_to = nir ? 1250 : 540;
+        const kavrel_sim_fault fault = random() % 3 == 0 ? random_fault(random) : kavrel_sim_fault{};
+        faults += fault.kind != 0 && kavrel_sim_inject_fault(config.chip_serial, &fault) == OK;
+        SCOPED_TRACE(std::string("request ") + std::to_string(n) + ", " + op.name + " on " + config.chip_serial +
+                     ", fault " + std::to_string(fault.kind) + " (count " + std::to_string(fault.count) +
+                     ", parameter " + std::to_string(fault.parameter) + ")");
+
+        out->fill();
+        watch.last_byte_ms = kavrel_sim_now_ms();
+        watch.longest_silence_ms = 0;
+        const int32_t rc = op.call(*out);
+        watch.note_byte(kavrel_sim_now_ms());
+        const device_slot &slot = g_devices[device];
+        // The longest wait the library allows itself: a spectrum, or the
+        // quiet time of a flash transfer, and one poll of the NIR reader.
+        const double longest =
+            std::max<double>(spectrum_time_limit_ms(slot.integration_time, slot.average_number), 1000) + 60;
+        EXPECT_EQ(watch.broken, "");
+        EXPECT_TRUE(allowed(op, nir, rc)) << "result " << rc;
+        EXPECT_TRUE(rc >= 0 || out->untouched()) << "outputs written by a call that failed";
+        EXPECT_LE(watch.longest_silence_ms, longest) << "ms in silence";
+        if (rc < 0 || fault.kind != 0) {
+            failures += rc < 0;
+            // Whatever is still on its way lands (a trickle takes its time
+            // over a reply of up to 16 KiB), and the next request drops it.
+            kavrel_sim_clear_faults(config.chip_serial);
+            kavrel_sim_sleep_ms(10000 +
+                                (fault.kind == KAVREL_SIM_FAULT_TRICKLE ? fault.parameter * 16400 : 0));
+            char model[40] = {};
+            EXPECT_EQ(kavrel_direct_get_device_model(model, sizeof model), OK);
+            EXPECT_STREQ(model, config.model) << "the next clean request";
+        }
+    }
+    EXPECT_EQ(kavrel_direct_get_open_device_count(), 4) << "a device closed itself";
+    std::printf("soak: %ld faults injected, %ld calls failed as allowed\n", faults, failures);
 }
 
 }  // namespace
