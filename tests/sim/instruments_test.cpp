@@ -1,8 +1,9 @@
 // End to end, on the virtual clock: the exported functions against simulated
 // instruments. Finding, opening and unplugging them; the faults they and their
 // bridges commit; what comes from an instrument's model; what the detectors
-// see. (The bytes of every operation are the unit tests'; the settings read
-// back through the simulator, the Python tests'.)
+// see; the soak. Then the models and the bridge line on their own, fed as a
+// byte stream. (The bytes of every operation are the unit tests'; the settings
+// read back through the simulator, the Python tests'.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,9 +22,14 @@
 
 #include "kavrel_direct.h"
 #include "kavrel_sim.h"
+#include "protocol/cm2_codec.h"
+#include "sim/cm2_instrument.h"
+#include "sim/nir_instrument.h"
+#include "sim/usb_line.h"
 #include "sim/world.h"
 #include "support/every_operation.h"
 #include "transport/device_table.h"
+#include "transport/nir_exchange.h"
 #include "transport/timing.h"
 
 namespace kavrel::test {
@@ -50,6 +56,13 @@ double mean(const std::vector<uint16_t> &s) {
     return std::accumulate(s.begin(), s.end(), 0.0) / static_cast<double>(s.size());
 }
 
+// The chip serial listed at that index, or the result code.
+std::string listed(int32_t index) {
+    char serial[16];
+    const int32_t rc = kavrel_direct_get_chip_serial_by_index(index, serial, sizeof serial);
+    return rc == OK ? serial : std::to_string(rc);
+}
+
 class Sim : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -72,19 +85,16 @@ protected:
     }
 };
 
-// Unlike the unit tests, this program has no stand-in driver on its search
-// path: the hardware chain says why it passed the D2XX driver over (or, on a
-// machine with the vendor's driver, that it took it).
+// Unlike the unit tests, this program has no stand-in driver on its search path:
+// the hardware chain says why it passed the D2XX driver over (or that it took it).
 TEST(HardwareChain, ReportsTheD2xxDriverFirst) {
     const std::string report = platform::hardware_provider_report();
     EXPECT_EQ(report.rfind("D2XX driver: ", 0), 0u) << report;
 }
 
 TEST_F(Sim, TheDefaultPairIsListedUntilABridgeIsAttached) {
-    char serial[16];
     ASSERT_EQ(kavrel_direct_scan_devices(), 2u);
-    ASSERT_EQ(kavrel_direct_get_chip_serial_by_index(1, serial, sizeof serial), OK);
-    EXPECT_STREQ(serial, "KSIM0002");
+    EXPECT_EQ(listed(1), "KSIM0002");
     ASSERT_EQ(kavrel_direct_open_device_by_chip_serial("KSIM0001"), OK);
     const kavrel_sim_config mine = sim_config(NIR, "MINE");
     ASSERT_EQ(kavrel_sim_attach(&mine), OK);
@@ -119,10 +129,8 @@ TEST_F(Sim, FourOpenAtOnceEachAnsweringForItselfUntilUnplugged) {
     // An unplugged bridge leaves the list at once; the handle on it fails.
     ASSERT_EQ(kavrel_sim_detach("SIM-1"), OK);
     EXPECT_EQ(kavrel_sim_detach("SIM-1"), KAVREL_DIRECT_ERR_NO_DEVICE);
-    char serial[16];
     EXPECT_EQ(kavrel_direct_scan_devices(), 4u);
-    ASSERT_EQ(kavrel_direct_get_chip_serial_by_index(1, serial, sizeof serial), OK);
-    EXPECT_STREQ(serial, "SIM-2");
+    EXPECT_EQ(listed(1), "SIM-2");
     EXPECT_EQ(kavrel_direct_get_wavelength_count(&n), KAVREL_DIRECT_ERR_IO);
     kavrel_direct_close_device();
     EXPECT_EQ(kavrel_direct_open_device_by_chip_serial("SIM-1"), KAVREL_DIRECT_ERR_NO_DEVICE);
@@ -182,10 +190,8 @@ TEST_F(Sim, AttachRefusesAConfigurationTheProtocolCannotCarry) {
     const kavrel_sim_config taken = sim_config(CM2, "B7"), more = sim_config(CM2, "B64");
     EXPECT_EQ(kavrel_sim_attach(&taken), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(kavrel_sim_attach(&more), KAVREL_DIRECT_ERR_OPEN_FAILED);
-    char serial[16];
-    EXPECT_EQ(kavrel_direct_get_chip_serial_by_index(63, serial, sizeof serial), OK);
-    EXPECT_STREQ(serial, "B63");
-    EXPECT_EQ(kavrel_direct_get_chip_serial_by_index(64, serial, sizeof serial), KAVREL_DIRECT_ERR_NO_DEVICE);
+    EXPECT_EQ(listed(63), "B63");
+    EXPECT_EQ(listed(64), std::to_string(KAVREL_DIRECT_ERR_NO_DEVICE));
 }
 
 enum class Request { setting, flash_page, external_spectrum };
@@ -566,15 +572,13 @@ bool allowed(const Operation &op, bool nir, int32_t rc) {
     }
 }
 
-// The soak: thousands of requests against four open instruments (two CM2, two
-// NIR), switched at random, a third of them after a fault of a random kind.
-// After every call: its result is one the header gives for that operation on
-// that protocol, whatever the fault; a call that failed left its outputs
-// alone; no bridge read outlasted the limit in force and the library never
-// waited in silence longer than its longest limit; after a fault or a failure,
-// once what was on its way has landed, the device answers a clean request
-// correctly. The seed is new each run (KAVREL_SOAK_SEED repeats one);
-// KAVREL_SOAK_REQUESTS sets the count (20000).
+// Thousands of requests on four open instruments (two CM2, two NIR) switched
+// at random, a third after a random fault. After every call the result is one
+// the header gives for that operation and protocol, a failed call left its
+// outputs alone, no read outlasted its limit nor any silence the longest
+// limit; after a fault or a failure, once what was on its way has landed, the
+// device answers a clean request. The seed is new each run (KAVREL_SOAK_SEED
+// repeats one); KAVREL_SOAK_REQUESTS sets the count (20000).
 TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
     const char *seed_text = std::getenv("KAVREL_SOAK_SEED"), *requests_text = std::getenv("KAVREL_SOAK_REQUESTS");
     const uint64_t seed = seed_text ? std::stoull(seed_text)
@@ -594,7 +598,6 @@ TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
         ASSERT_EQ(g_active_index, i);
     }
     const auto out = std::make_unique<Outputs>();
-    long failures = 0, faults = 0;
     for (long n = 0; n < requests && !HasFailure(); ++n) {
         const int device = static_cast<int>(random() % 4);
         const kavrel_sim_config &config = configs[device];
@@ -605,10 +608,9 @@ TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
         g_select_from = nir ? 1200 : 500;
         g_select_to = nir ? 1250 : 540;
         const kavrel_sim_fault fault = random() % 3 == 0 ? random_fault(random) : kavrel_sim_fault{};
-        faults += fault.kind != 0 && kavrel_sim_inject_fault(config.chip_serial, &fault) == OK;
-        SCOPED_TRACE(std::string("request ") + std::to_string(n) + ", " + op.name + " on " + config.chip_serial +
-                     ", fault " + std::to_string(fault.kind) + " (count " + std::to_string(fault.count) +
-                     ", parameter " + std::to_string(fault.parameter) + ")");
+        EXPECT_TRUE(fault.kind == 0 || kavrel_sim_inject_fault(config.chip_serial, &fault) == OK);
+        SCOPED_TRACE(std::string(op.name) + " on " + config.chip_serial + ", request " + std::to_string(n) +
+                     ", fault " + std::to_string(fault.kind) + " of parameter " + std::to_string(fault.parameter));
 
         out->fill();
         watch.last_byte_ms = kavrel_sim_now_ms();
@@ -625,7 +627,6 @@ TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
         EXPECT_TRUE(rc >= 0 || out->untouched()) << "outputs written by a call that failed";
         EXPECT_LE(watch.longest_silence_ms, longest) << "ms in silence";
         if (rc < 0 || fault.kind != 0) {
-            failures += rc < 0;
             // Whatever is still on its way lands (a trickle takes its time
             // over a reply of up to 16 KiB), and the next request drops it.
             kavrel_sim_clear_faults(config.chip_serial);
@@ -637,7 +638,145 @@ TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
         }
     }
     EXPECT_EQ(kavrel_direct_get_open_device_count(), 4) << "a device closed itself";
-    std::printf("soak: %ld faults injected, %ld calls failed as allowed\n", faults, failures);
+}
+
+// The models and the bridge line on their own, fed as a byte stream:
+// requests split, joined and after garbage; replies in order and in USB
+// packets.
+using Bytes = std::vector<uint8_t>;
+
+// Keeps what an instrument sends, each reply with the time its first byte
+// leaves.
+struct Capture : sim::LineSink {
+    struct Reply {
+        Bytes bytes;
+        double first_ms, spacing_ms;
+    };
+    std::vector<Reply> replies;
+    double byte_ms() const override { return 0.01; }
+    void emit(Bytes bytes, double first_ms, double spacing_ms) override {
+        replies.push_back({std::move(bytes), first_ms, spacing_ms});
+    }
+};
+
+Bytes query(uint8_t reg, uint32_t address, uint16_t words) {
+    Bytes out(32);
+    kavrel_direct_build_query(reg, address, words, out.data());
+    return out;
+}
+
+Bytes write(uint8_t reg, uint32_t address, const Bytes &data) {
+    Bytes out(static_cast<size_t>(cm2::write_packet_bytes(static_cast<int32_t>(data.size()))));
+    kavrel_direct_build_write(reg, address, data.data(), static_cast<int32_t>(data.size()), out.data());
+    return out;
+}
+
+Bytes nir_frame(Bytes command) {
+    const uint16_t crc = nir_crc16(command.data(), command.size());
+    command.push_back(static_cast<uint8_t>(crc >> 8));
+    command.push_back(static_cast<uint8_t>(crc));
+    return command;
+}
+
+// Byte by byte, as a slow stream delivers them, or each part whole.
+void feed(sim::Instrument &instrument, const std::vector<Bytes> &parts, double at_ms, bool bytewise = true) {
+    for (const Bytes &part : parts)
+        for (size_t i = 0; i < part.size(); i += bytewise ? 1 : part.size())
+            instrument.receive(&part[i], bytewise ? 1 : part.size(), at_ms);
+}
+
+// Service, register, address, status nibble and reply code of a CM2 reply,
+// which must be well formed. It keeps the version (0xCC), sequence number
+// (0xEE) and packet count (1 of 1) of the library's requests, and swaps
+// their target (1) and source (2).
+std::tuple<uint8_t, uint8_t, uint32_t, uint8_t, uint8_t> cm2_reply(const Bytes &reply) {
+    static cm2_packet p;
+    EXPECT_EQ(kavrel_direct_parse_response(reply.data(), static_cast<int32_t>(reply.size()), &p), 0);
+    EXPECT_EQ(std::make_tuple(p.crc_ok, p.ver, p.ta, p.sa, p.fsn, p.sn_packets, p.sn_index),
+              std::make_tuple(1, 0xCC, 2, 1, 0xEE, 1, 1));
+    return {p.srv, p.pio_reg, p.pio_addr, p.ans_status, p.ans_reply};
+}
+
+TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
+    Capture line;
+    sim::Cm2Instrument cm2(sim_config(CM2, ""), line);
+    // Garbage with a false start, then two queries.
+    feed(cm2, {{0x12, 0xAA, 0xAB, 0xAA, 0xAA}, query(0xC1, 0x40, 1), query(0xC2, 0x0B, 1)}, 10.0);
+    ASSERT_EQ(line.replies.size(), 2u);
+    EXPECT_EQ(cm2_reply(line.replies[0].bytes), std::make_tuple(0xE0, 0xC1, 0x40u, 0, 0xAC));
+    EXPECT_EQ(cm2_reply(line.replies[1].bytes), std::make_tuple(0xE0, 0xC2, 0x0Bu, 0, 0xAC));
+    // One at a time: the second reply leaves after the first has.
+    const Capture::Reply &a = line.replies[0];
+    EXPECT_GE(line.replies[1].first_ms, a.first_ms + a.bytes.size() * a.spacing_ms);
+}
+
+Bytes corrupted(Bytes packet) {
+    packet[24] ^= 1;
+    return packet;
+}
+
+// A refusal's status nibble is 0xE for a write the protection forbids, 0xB
+// for any other failure.
+TEST(Cm2Model, RefusesWithTheStatusAndReplyCodeOfTheFault) {
+    const std::tuple<const char *, Bytes, uint8_t, uint8_t> refusals[] = {
+        {"CRC wrong", corrupted(query(0xC1, 0x40, 1)), 0xB, 0xE1},
+        {"unknown register", query(0xC3, 0, 1), 0xB, 0xE2},
+        {"unknown address", query(0xC1, 0x30, 1), 0xB, 0xE2},
+        {"run past the map", query(0xC1, 0x00, 5), 0xB, 0xE2},
+        {"table ends", query(0xC5, 2048, 1), 0xB, 0xE2},
+        {"read-only word", write(0xC1, 0x40, {0, 0, 1, 0}), 0xB, 0xE2},
+        {"page buffer while protected", write(0xC7, 0, {1, 2, 3, 4}), 0xE, 0xE3},
+        {"page write while protected", write(0xC1, 0x4A, {0xCF, 0xDD, 0, 1, 0, 0, 0, 0}), 0xE, 0xE3},
+    };
+    for (const auto &[name, request, status, code] : refusals) {
+        Capture line;
+        sim::Cm2Instrument cm2(sim_config(CM2, ""), line);
+        feed(cm2, {request}, 0, false);
+        ASSERT_EQ(line.replies.size(), 1u) << name;
+        const auto reply = cm2_reply(line.replies[0].bytes);
+        EXPECT_EQ(std::get<3>(reply) * 0x100 + std::get<4>(reply), status * 0x100 + code) << name;
+    }
+}
+
+TEST(NirModel, SkipsGarbageRefusesABadCrcAndForgetsAFrameCutShort) {
+    Capture line;
+    sim::NirInstrument nir(sim_config(NIR, ""), line);
+    Bytes bad = nir_frame({'t'});
+    bad.back() ^= 1;
+    // Unknown bytes and an unknown query, then the version.
+    feed(nir, {{0x00, 0xFF, 0x3F, 0x01}, nir_frame({'V'})}, 5.0);
+    // A bad CRC, a page write while the protection is closed, a setting cut
+    // short and silence, then a query of the level output.
+    feed(nir, {bad, nir_frame({0xAF, 0x00, 0x02, 1, 2, 3, 4, 5, 6, 7}), {0x69, 0x00, 0x01}}, 6.0, false);
+    feed(nir, {nir_frame({0x3F, 0x40})}, 200.0, false);
+
+    ASSERT_EQ(line.replies.size(), 4u);
+    EXPECT_EQ(line.replies[0].bytes,
+              nir_frame({0x06, 'K', 'S', 'I', 'M', ' ', 'N', 'I', 'R', ' ', '2', '.', '3'}));
+    EXPECT_EQ(line.replies[1].bytes, nir_frame({0x15}));
+    EXPECT_EQ(line.replies[2].bytes, nir_frame({0x15}));
+    EXPECT_EQ(line.replies[3].bytes, nir_frame({0x06, 0x00}));
+}
+
+// The bridge sends a full packet as soon as it is full and the rest when
+// its latency timer next expires.
+TEST(UsbLineModel, FullPacketsAtOnceAndTheTailAtTheLatencyTick) {
+    platform::Clock clock(platform::Clock::Mode::virtual_time);
+    platform::Inbox inbox(clock);
+    for (const auto &[speed, payload] :
+         {std::pair{KAVREL_SIM_FULL_SPEED, 62u}, {KAVREL_SIM_HIGH_SPEED, 510u}}) {
+        inbox.clear();
+        sim::UsbLine line(inbox, speed);
+        line.set_latency_ms(16);
+        const double start = std::ceil(clock.now_ms() / 16) * 16 + 1;  // 15 ms before a tick
+        line.emit(Bytes(payload + 10, 0x55), start, line.byte_ms());
+        clock.advance_to(start + (payload - 0.5) * line.byte_ms());
+        EXPECT_EQ(inbox.arrived(), payload) << payload;
+        clock.advance_to(start + 14.9);
+        EXPECT_EQ(inbox.arrived(), payload) << payload;
+        clock.advance_to(start + 15);
+        EXPECT_EQ(inbox.arrived(), payload + 10) << payload;
+    }
 }
 
 }  // namespace
