@@ -13,8 +13,6 @@ import re
 import select
 import subprocess
 import sys
-import termios
-import tty
 import zlib
 
 import pytest
@@ -22,9 +20,6 @@ import pytest
 KAVREL, SERVER = os.environ.get("KAVREL_CLI_UNDER_TEST"), os.environ.get("KAVREL_SIM_SERVER")
 SIM = ["--sim", "--sim-virtual-time"]
 CM2, NIR = "KSIM0001", "KSIM0002"
-no_bridge = pytest.mark.skipif(
-    any(p.read_text().strip() == "0403" for p in pathlib.Path("/sys/bus/usb/devices").glob("*/idVendor")),
-    reason="a bridge is attached")
 
 
 def run(*args, sim=True, stdin=None, env=None):
@@ -166,8 +161,8 @@ def test_plot_labels_the_brightest_peaks_in_ascii_or_utf8(tmp_path):
 
 def test_progress_bar_only_on_a_terminal():
     master, slave = pty.openpty()
-    command = [KAVREL, *SIM, "acquire", "-n", "3"]
-    status = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=slave, timeout=60).returncode
+    status = subprocess.run([KAVREL, *SIM, "acquire", "-n", "3"], stdout=subprocess.DEVNULL, stderr=slave,
+                            timeout=60).returncode
     os.close(slave)
     shown = drain(master).decode()
     assert status == 0 and re.search(r"\d/3 +\d+:\d\d left", shown)
@@ -182,8 +177,7 @@ def test_progress_bar_only_on_a_terminal():
     (["-d", NIR, "--sim-fault", "no_answer", "get", "average_number"], 19,
      "timeout: the instrument did not answer within 500 ms"),
     (["--sim-fault", "bad_crc:1", "get", "temperature"], 17, "crc: "),
-    (["-d", "NOPE", "info"], 12,
-     'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
+    (["-d", "NOPE", "info"], 12, 'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
     (["-d", "5", "info"], 12, "no_device: no bridge at index 5"),
     (["--sim-fault", "reply_code:1:0xE3", "get", "level_output"], 20, "write_protect: "),
     (["-d", NIR, "get", "xenon_mode"], 21, "unsupported: "),
@@ -202,7 +196,8 @@ def test_each_failure_has_its_status_and_says_why(args, status, message):
     assert (r.returncode, r.stdout) == (status, b"") and "kavrel: " + message in r.stderr.decode()
 
 
-@no_bridge
+@pytest.mark.skipif(any(p.read_text() == "0403\n" for p in pathlib.Path("/sys/bus/usb/devices").glob("*/idVendor")),
+                    reason="a bridge is attached")
 def test_without_hardware_points_to_doctor_and_sim():
     r = run("scan", sim=False)
     assert r.returncode == 12 and b"kavrel doctor" in r.stderr and b"--sim" in r.stderr
@@ -260,17 +255,15 @@ def test_crc_and_parse_need_no_instrument():
 
 @pytest.mark.skipif(not SERVER, reason="run by the sim_server_pty test, which names kavrel-sim")
 def test_sim_server_answers_a_query_split_on_its_terminal():
-    server = subprocess.Popen([SERVER, "--pty", "--protocol", "cm2"], stdout=subprocess.PIPE)
-    try:
-        line = os.open(server.stdout.readline().strip(), os.O_RDWR | os.O_NOCTTY)
-        tty.setraw(line)
-        termios.tcflush(line, termios.TCIOFLUSH)
-        query = cm2_query(0xC1, 0x000046, 4)  # the model text, in two pieces as a serial line may carry it
-        os.write(line, query[:10]), os.write(line, query[10:])
-        reply = drain(line, 48)
-    finally:
-        server.terminate()
-        server.wait()
+    # The server makes its terminal raw: a cooked one would hold the reply back until a line end.
+    with subprocess.Popen([SERVER, "--pty", "--protocol", "cm2"], stdout=subprocess.PIPE) as server:
+        try:
+            line = os.open(server.stdout.readline().strip(), os.O_RDWR | os.O_NOCTTY)
+            query = cm2_query(0xC1, 0x000046, 4)  # the model text, in two pieces as a serial line may carry it
+            os.write(line, query[:10]), os.write(line, query[10:])
+            reply = drain(line, 48)
+        finally:
+            server.terminate()
     assert (len(reply), reply[:8], reply[21:25], reply[27]) == (48, query[:8], query[21:25], 0xAC)
     assert reply[28:44] == b"KSIM-CM2-2048\0\0\0" and zlib.crc32(reply[8:-4]) == int.from_bytes(reply[-4:], "big")
 
