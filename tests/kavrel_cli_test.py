@@ -4,6 +4,7 @@ in virtual time: KSIM0001 speaks CM2 (2048 points), KSIM0002 NIR (256).
     /usr/bin/python3 tests/kavrel_cli_test.py build/tools/kavrel/kavrel
     KAVREL_CLI_UNDER_TEST=build/tools/kavrel/kavrel /usr/bin/python3 -m pytest tests/kavrel_cli_test.py
 """
+import contextlib
 import csv
 import json
 import os
@@ -54,11 +55,9 @@ def cm2_query(register, address, words):
 def drain(fd, enough=1 << 20):
     """A terminal's bytes, a piece a read, until enough came, it ended (EIO once its writer is gone) or 10 s passed."""
     data = b""
-    try:
+    with contextlib.suppress(OSError):
         while len(data) < enough and select.select([fd], [], [], 10)[0] and (chunk := os.read(fd, 65536)):
             data += chunk
-    except OSError:
-        pass
     os.close(fd)
     return data
 
@@ -73,16 +72,15 @@ def test_scan_doctor_and_settings_lists():
     assert re.search(r"KSIM0001 .*answers CM2", doctor) and re.search(r"KSIM0002 .*answers NIR", doctor)
     assert (run().returncode, run("--help").returncode) == (2, 0)
     settings = {r["name"]: r for r in json.loads(ok("get", "--list", "--format", "json"))}
-    assert settings["integration_time"]["unit"] == "us" and settings["integration_time"]["settable"]
-    assert not settings["temperature"]["settable"]
+    time, temperature = settings["integration_time"], settings["temperature"]
+    assert (time["unit"], time["settable"], temperature["settable"]) == ("us", True, False)
 
 
 @pytest.mark.parametrize("serial, protocol, points", [(CM2, "UVVIS_CM2", 2048), (NIR, "NIR_LEGACY", 256)])
 def test_info_and_csv_rows_match_the_wavelength_table(serial, protocol, points, tmp_path):
     info = json.loads(ok("-d", serial, "info", "--format", "json"))
     assert (info["chip_serial"], info["protocol"], info["points"]) == (serial, protocol, points)
-    assert info["wavelength_first_nm"] < info["wavelength_last_nm"]
-    assert (info["usb_status"] is None) == (serial == NIR)
+    assert info["wavelength_first_nm"] < info["wavelength_last_nm"] and (info["usb_status"] is None) == (serial == NIR)
     readings = json.loads(ok("-d", serial, "get", "--all", "--format", "json"))
     assert readings["integration_time"] == 10000 and ("xenon_mode" in readings) == (serial == CM2)
     wavelength = wavelength_of("-d", serial)

@@ -194,7 +194,7 @@ TEST_F(Sim, AttachRefusesAConfigurationTheProtocolCannotCarry) {
     EXPECT_EQ(listed(64), std::to_string(KAVREL_DIRECT_ERR_NO_DEVICE));
 }
 
-enum class Request { setting, flash_page, external_spectrum };
+enum class Request { setting, flash, external };
 constexpr uint32_t kSetting = 123456;
 
 // The request a fault is tried on: its result code (a byte count is success).
@@ -202,8 +202,8 @@ int32_t make(Request request) {
     uint32_t time = 0;
     uint8_t page[16];
     std::vector<uint16_t> s(2048);
-    if (request == Request::flash_page) return std::min(kavrel_direct_flash_read(3, page, sizeof page), OK);
-    if (request == Request::external_spectrum)
+    if (request == Request::flash) return std::min(kavrel_direct_flash_read(3, page, sizeof page), OK);
+    if (request == Request::external)
         return std::min(kavrel_direct_external_spectrum_control(1, s.data(), 2048), OK);
     const int32_t rc = kavrel_direct_get_integration_time(&time);
     EXPECT_EQ(rc == OK ? time : kSetting, kSetting);
@@ -233,8 +233,8 @@ const FaultCase kFaultCases[] = {
     {"TrickleStalls", CM2, KAVREL_SIM_FAULT_TRICKLE, 250, kTimeout},
     // The flash page and the external spectrum share the command block's
     // handshake: one of its faults on each.
-    {"FlashHandshakeFails", CM2, KAVREL_SIM_FAULT_HANDSHAKE_FAILED, 0, kIo, Request::flash_page},
-    {"ExternalHandshakeStuck", CM2, KAVREL_SIM_FAULT_HANDSHAKE_STUCK, 0, kTimeout, Request::external_spectrum},
+    {"FlashHandshakeFails", CM2, KAVREL_SIM_FAULT_HANDSHAKE_FAILED, 0, kIo, Request::flash},
+    {"ExternalHandshakeStuck", CM2, KAVREL_SIM_FAULT_HANDSHAKE_STUCK, 0, kTimeout, Request::external},
     {"ReadFailure", CM2, KAVREL_SIM_FAULT_READ_FAILURE, 0, kIo},
     {"WriteFailure", CM2, KAVREL_SIM_FAULT_WRITE_FAILURE, 0, kIo},
     {"NirRefusalMeansNothingToCm2", CM2, KAVREL_SIM_FAULT_NIR_REFUSE, 0, OK},
@@ -283,9 +283,7 @@ INSTANTIATE_TEST_SUITE_P(EachKind, Faults, ::testing::ValuesIn(kFaultCases), [](
 TEST_F(Faults, LastTheirCountOrUntilClearedAndNeedAKnownKindAndBridge) {
     open(CM2);
     inject(KAVREL_SIM_FAULT_BAD_CRC, 2);
-    EXPECT_EQ(make(Request::setting), kCrc);
-    EXPECT_EQ(make(Request::setting), kCrc);
-    EXPECT_EQ(make(Request::setting), OK);
+    for (const int32_t expected : {kCrc, kCrc, OK}) EXPECT_EQ(make(Request::setting), expected);
     inject(KAVREL_SIM_FAULT_NO_ANSWER, 0);  // for ever
     for (int i = 0; i < 3; ++i) EXPECT_EQ(make(Request::setting), kTimeout);
     ASSERT_EQ(kavrel_sim_clear_faults("SIM-F"), OK);
@@ -312,16 +310,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(BothProtocols, Model, ::testing::Values(CM2, NIR),
                          [](const auto &info) { return info.param == NIR ? "NIR" : "CM2"; });
 
-TEST_P(Model, GivesTheConfiguredIdentity) {
-    kavrel_direct_device_info info;
-    float t = 0;
-    ASSERT_EQ(kavrel_direct_get_device_info(&info), OK);
-    ASSERT_EQ(kavrel_direct_get_temperature(&t), OK);
-    EXPECT_EQ(std::string(info.model) + "|" + info.serial_number + "|" + info.hardware_version,
-              std::string(c.model) + "|" + (nir() ? "NIR" : c.serial_number) + "|" + c.hardware_version);
-    EXPECT_EQ(t, c.temperature_c);
-}
-
 TEST_P(Model, ResetReloadsStoredSettings) {
     uint32_t time = 0, open = 2, before = 2;
     uint8_t averages = 0;
@@ -339,9 +327,17 @@ TEST_P(Model, ResetReloadsStoredSettings) {
     EXPECT_EQ(std::make_tuple(time, averages, open), std::make_tuple(10000u, uint8_t(nir() ? 1 : 5), 0u));
 }
 
-// The table is the calibration polynomial; its middle third, selected by
-// its end wavelengths, gives its part of the spectrum.
-TEST_P(Model, WavelengthTableIsTheCalibrationPolynomial) {
+// The identity and calibration configured; the table is the calibration
+// polynomial; its middle third, selected by its end wavelengths, gives its
+// part of the spectrum.
+TEST_P(Model, GivesTheConfiguredIdentityAndTheTableOfItsPolynomial) {
+    kavrel_direct_device_info info;
+    float t = 0;
+    ASSERT_EQ(kavrel_direct_get_device_info(&info), OK);
+    ASSERT_EQ(kavrel_direct_get_temperature(&t), OK);
+    EXPECT_EQ(std::string(info.model) + "|" + info.serial_number + "|" + info.hardware_version,
+              std::string(c.model) + "|" + (nir() ? "NIR" : c.serial_number) + "|" + c.hardware_version);
+    EXPECT_EQ(t, c.temperature_c);
     uint16_t count = 0;
     double k[4] = {};
     ASSERT_EQ(kavrel_direct_get_calibration_coefficients(k), OK);
@@ -431,8 +427,7 @@ TEST_F(Sim, LinesPeakOnThePixelsTheCalibrationPutsThem) {
             ASSERT_TRUE(i > 0 && i < w.size());
             const double at = double(i - 1) + (line - w[i - 1]) / (w[i] - w[i - 1]);
             const size_t from = i > 6 ? i - 6 : 0, to = std::min(s.size(), i + 6);
-            const auto peak =
-                static_cast<double>(std::max_element(s.begin() + from, s.begin() + to) - s.begin());
+            const double peak = double(std::max_element(s.begin() + from, s.begin() + to) - s.begin());
             EXPECT_LT(std::fabs(peak - at), 1.0) << "line " << line << " nm at point " << at;
         }
     }
@@ -479,9 +474,7 @@ TEST_F(Sim, CountsOverTheDarkLinearInIntegrationTimeUpToFullScale) {
     EXPECT_LT(*hi - *lo, 100);
     auto dark_current = [] { return mean(seen(1000000, true)) - mean(seen(10000, true)); };
     const double at_warm = dark_current();
-    kavrel_sim_scene refused;
-    kavrel_sim_default_scene(&refused);
-    refused.line_level = -1;
+    const kavrel_sim_scene refused{1, 0, 100, -1};  // a negative line level
     EXPECT_EQ(kavrel_sim_set_scene(nullptr, &refused), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_GT(at_warm, 50);
     attach_and_open(hot);
@@ -580,10 +573,10 @@ bool allowed(const Operation &op, bool nir, int32_t rc) {
 // device answers a clean request. The seed is new each run (KAVREL_SOAK_SEED
 // repeats one); KAVREL_SOAK_REQUESTS sets the count (20000).
 TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
-    const char *seed_text = std::getenv("KAVREL_SOAK_SEED"), *requests_text = std::getenv("KAVREL_SOAK_REQUESTS");
+    const char *seed_text = std::getenv("KAVREL_SOAK_SEED"), *count = std::getenv("KAVREL_SOAK_REQUESTS");
     const uint64_t seed = seed_text ? std::stoull(seed_text)
                                     : uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
-    const long requests = requests_text ? std::stol(requests_text) : 20000;
+    const long requests = count ? std::stol(count) : 20000;
     std::printf("soak: seed %llu, %ld requests\n", static_cast<unsigned long long>(seed), requests);
     std::mt19937_64 random(seed);
     // Both outlive the test body: the fixture closes the devices through them.
@@ -610,7 +603,7 @@ TEST_F(Sim, SoakOfRandomRequestsAndFaultsOnFourInstruments) {
         const kavrel_sim_fault fault = random() % 3 == 0 ? random_fault(random) : kavrel_sim_fault{};
         EXPECT_TRUE(fault.kind == 0 || kavrel_sim_inject_fault(config.chip_serial, &fault) == OK);
         SCOPED_TRACE(std::string(op.name) + " on " + config.chip_serial + ", request " + std::to_string(n) +
-                     ", fault " + std::to_string(fault.kind) + " of parameter " + std::to_string(fault.parameter));
+                     ", fault " + std::to_string(fault.kind) + " (" + std::to_string(fault.parameter) + ")");
 
         out->fill();
         watch.last_byte_ms = kavrel_sim_now_ms();
