@@ -25,8 +25,7 @@ run "$build/tests/kavrel_allocation_tests" --gtest_brief=1
 for target in codec exchange operations sim; do
   run "$build/fuzz/kavrel_replay_$target" "$build/fuzz/seeds/$target" "fuzz/regressions/$target"
 done
-run "$build/tests/sim/kavrel_sim_tests" --gtest_brief=1
-run "$build/tests/sim/kavrel_soak" --requests 2000
+KAVREL_SOAK_REQUESTS=2000 run "$build/tests/sim/kavrel_sim_tests" --gtest_brief=1
 run "$build/tests/kavrel_codec_client"
 LD_LIBRARY_PATH=$build/tests/fake_driver run "$build/tests/kavrel_driver_client"
 echo "== memcheck: no errors, no leaks"

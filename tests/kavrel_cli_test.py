@@ -4,24 +4,23 @@ in virtual time: KSIM0001 speaks CM2 (2048 points), KSIM0002 NIR (256).
     /usr/bin/python3 tests/kavrel_cli_test.py build/tools/kavrel/kavrel
     KAVREL_CLI_UNDER_TEST=build/tools/kavrel/kavrel /usr/bin/python3 -m pytest tests/kavrel_cli_test.py
 """
+import contextlib
 import csv
 import json
 import os
 import pathlib
 import pty
 import re
+import select
 import subprocess
 import sys
 import zlib
 
 import pytest
 
-KAVREL = os.environ.get("KAVREL_CLI_UNDER_TEST")
+KAVREL, SERVER = os.environ.get("KAVREL_CLI_UNDER_TEST"), os.environ.get("KAVREL_SIM_SERVER")
 SIM = ["--sim", "--sim-virtual-time"]
 CM2, NIR = "KSIM0001", "KSIM0002"
-no_bridge = pytest.mark.skipif(
-    any(p.read_text().strip() == "0403" for p in pathlib.Path("/sys/bus/usb/devices").glob("*/idVendor")),
-    reason="a bridge is attached")
 
 
 def run(*args, sim=True, stdin=None, env=None):
@@ -53,6 +52,16 @@ def cm2_query(register, address, words):
     return bytes([0xAA] * 7 + [0xAB]) + body + zlib.crc32(body).to_bytes(4, "big")
 
 
+def drain(fd, enough=1 << 20):
+    """A terminal's bytes, a piece a read, until enough came, it ended (EIO once its writer is gone) or 10 s passed."""
+    data = b""
+    with contextlib.suppress(OSError):
+        while len(data) < enough and select.select([fd], [], [], 10)[0] and (chunk := os.read(fd, 65536)):
+            data += chunk
+    os.close(fd)
+    return data
+
+
 def test_scan_doctor_and_settings_lists():
     assert re.search(r"\[0\] .* \(SN: KSIM0001\)\n\[1\] .* \(SN: KSIM0002\)\n", ok("scan"))
     assert [r["chip_serial"] for r in csv_rows(ok("scan", "--format", "csv"))] == [CM2, NIR]
@@ -63,16 +72,15 @@ def test_scan_doctor_and_settings_lists():
     assert re.search(r"KSIM0001 .*answers CM2", doctor) and re.search(r"KSIM0002 .*answers NIR", doctor)
     assert (run().returncode, run("--help").returncode) == (2, 0)
     settings = {r["name"]: r for r in json.loads(ok("get", "--list", "--format", "json"))}
-    assert settings["integration_time"]["unit"] == "us" and settings["integration_time"]["settable"]
-    assert not settings["temperature"]["settable"]
+    time, temperature = settings["integration_time"], settings["temperature"]
+    assert (time["unit"], time["settable"], temperature["settable"]) == ("us", True, False)
 
 
 @pytest.mark.parametrize("serial, protocol, points", [(CM2, "UVVIS_CM2", 2048), (NIR, "NIR_LEGACY", 256)])
 def test_info_and_csv_rows_match_the_wavelength_table(serial, protocol, points, tmp_path):
     info = json.loads(ok("-d", serial, "info", "--format", "json"))
     assert (info["chip_serial"], info["protocol"], info["points"]) == (serial, protocol, points)
-    assert info["wavelength_first_nm"] < info["wavelength_last_nm"]
-    assert (info["usb_status"] is None) == (serial == NIR)
+    assert info["wavelength_first_nm"] < info["wavelength_last_nm"] and (info["usb_status"] is None) == (serial == NIR)
     readings = json.loads(ok("-d", serial, "get", "--all", "--format", "json"))
     assert readings["integration_time"] == 10000 and ("xenon_mode" in readings) == (serial == CM2)
     wavelength = wavelength_of("-d", serial)
@@ -151,18 +159,10 @@ def test_plot_labels_the_brightest_peaks_in_ascii_or_utf8(tmp_path):
 
 def test_progress_bar_only_on_a_terminal():
     master, slave = pty.openpty()
-    command = [KAVREL, *SIM, "acquire", "-n", "3"]
-    status = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=slave, timeout=60).returncode
+    status = subprocess.run([KAVREL, *SIM, "acquire", "-n", "3"], stdout=subprocess.DEVNULL, stderr=slave,
+                            timeout=60).returncode
     os.close(slave)
-    # A terminal hands its buffer over a piece a read: read to its end (EIO once the writer is gone).
-    chunks = []
-    while chunks[-1:] != [b""]:
-        try:
-            chunks.append(os.read(master, 65536))
-        except OSError:
-            break
-    os.close(master)
-    shown = b"".join(chunks).decode()
+    shown = drain(master).decode()
     assert status == 0 and re.search(r"\d/3 +\d+:\d\d left", shown)
     drawn = [int(n) for n in re.findall(r"(\d)/3", shown)]
     assert (drawn[0], drawn[-1]) == (0, 3) and drawn == sorted(drawn)
@@ -175,8 +175,7 @@ def test_progress_bar_only_on_a_terminal():
     (["-d", NIR, "--sim-fault", "no_answer", "get", "average_number"], 19,
      "timeout: the instrument did not answer within 500 ms"),
     (["--sim-fault", "bad_crc:1", "get", "temperature"], 17, "crc: "),
-    (["-d", "NOPE", "info"], 12,
-     'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
+    (["-d", "NOPE", "info"], 12, 'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
     (["-d", "5", "info"], 12, "no_device: no bridge at index 5"),
     (["--sim-fault", "reply_code:1:0xE3", "get", "level_output"], 20, "write_protect: "),
     (["-d", NIR, "get", "xenon_mode"], 21, "unsupported: "),
@@ -195,7 +194,8 @@ def test_each_failure_has_its_status_and_says_why(args, status, message):
     assert (r.returncode, r.stdout) == (status, b"") and "kavrel: " + message in r.stderr.decode()
 
 
-@no_bridge
+@pytest.mark.skipif(any(p.read_text() == "0403\n" for p in pathlib.Path("/sys/bus/usb/devices").glob("*/idVendor")),
+                    reason="a bridge is attached")
 def test_without_hardware_points_to_doctor_and_sim():
     r = run("scan", sim=False)
     assert r.returncode == 12 and b"kavrel doctor" in r.stderr and b"--sim" in r.stderr
@@ -249,6 +249,21 @@ def test_crc_and_parse_need_no_instrument():
     assert "SRV:  0D                    (Read Memory (Query))" in text and "(CRC OK)" in text
     r = run("parse", "-", stdin=(packet[:-1] + bytes([packet[-1] ^ 1])).hex().encode(), sim=False)
     assert r.returncode == 17 and b"(CRC FAIL)" in r.stdout
+
+
+@pytest.mark.skipif(not SERVER, reason="run by the sim_server_pty test, which names kavrel-sim")
+def test_sim_server_answers_a_query_split_on_its_terminal():
+    # The server makes its terminal raw: a cooked one would hold the reply back until a line end.
+    with subprocess.Popen([SERVER, "--pty", "--protocol", "cm2"], stdout=subprocess.PIPE) as server:
+        try:
+            line = os.open(server.stdout.readline().strip(), os.O_RDWR | os.O_NOCTTY)
+            query = cm2_query(0xC1, 0x000046, 4)  # the model text, in two pieces as a serial line may carry it
+            os.write(line, query[:10]), os.write(line, query[10:])
+            reply = drain(line, 48)
+        finally:
+            server.terminate()
+    assert (len(reply), reply[:8], reply[21:25], reply[27]) == (48, query[:8], query[21:25], 0xAC)
+    assert reply[28:44] == b"KSIM-CM2-2048\0\0\0" and zlib.crc32(reply[8:-4]) == int.from_bytes(reply[-4:], "big")
 
 
 if __name__ == "__main__":
