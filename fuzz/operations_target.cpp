@@ -43,14 +43,10 @@ int32_t count_arg(uint32_t v) {
     return size_arg(v, 9000);
 }
 
-// Getters: n values per pointer (four calibration coefficients).
-template <typename... T>
-void get_into(int32_t (*call)(T *...), const Output<T> &...out) {
-    check(call(out.get()...), out...);
-}
+// Getters: N values per pointer (four calibration coefficients).
 template <size_t N, typename... T>
 void get_all(int32_t (*call)(T *...)) {
-    get_into(call, Output<T>(N)...);
+    [call](const Output<T> &...out) { check(call(out.get()...), out...); }(Output<T>(N)...);
 }
 
 // Arrays and texts: a buffer of exactly the capacity declared; a text is
@@ -211,14 +207,12 @@ static_assert(std::size(kOperations) == 58, "the seeds pick operations by their 
 // What holds between any two calls, whatever the instruments sent.
 void check_table() {
     const int32_t open = kavrel_direct_get_open_device_count();
-    require(open >= 0 && open <= 4);
     const int32_t active = kavrel_direct_is_open();
-    require(active == 0 || (active == 1 && open > 0));
     uint32_t protocol = 0;
-    if (active == 1) {
-        require(kavrel_direct_get_device_protocol(&protocol) == KAVREL_DIRECT_OK);
-        require(protocol == KAVREL_DIRECT_PROTOCOL_CM2 || protocol == KAVREL_DIRECT_PROTOCOL_NIR);
-    }
+    require(open >= 0 && open <= 4 && (active == 0 || (active == 1 && open > 0)));
+    require(active == 0 ||
+            (kavrel_direct_get_device_protocol(&protocol) == KAVREL_DIRECT_OK &&
+             (protocol == KAVREL_DIRECT_PROTOCOL_CM2 || protocol == KAVREL_DIRECT_PROTOCOL_NIR)));
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ static void *driver_symbol(const char *name) {
 static void *driver_symbol(const char *name) {
     void *driver = dlopen("libftd2xx.so", RTLD_LAZY | RTLD_NOLOAD);
     void *symbol = driver != NULL ? dlsym(driver, name) : NULL;
-    if (driver != NULL) dlclose(driver);  /* the library keeps it loaded */
+    if (driver != NULL) dlclose(driver); /* the library keeps it loaded */
     return symbol;
 }
 #endif
