@@ -56,8 +56,9 @@ static int find(FT_HANDLE handle) {
     return i;
 }
 
-/* Logs a call on a handle (as its index); gives the index, so that "< 0" is
- * FT_INVALID_HANDLE as a status. */
+/* Logs a call on a handle, named by its bridge's index, and gives the index.
+ * The calls that only log return "note(...) < 0": FT_INVALID_HANDLE (1) for
+ * a handle not open, else FT_OK. */
 static int note(const char *format, FT_HANDLE handle, long b, long c) {
     const size_t used = strlen(g_log);
     snprintf(g_log + used, sizeof g_log - used, format, (long)find(handle), b, c);
