@@ -19,21 +19,13 @@ FuzzBridge::~FuzzBridge() {
     use_provider(nullptr);
 }
 
-// A bridge call on a handle that is not open is the library's bug, whatever
-// the instrument sent: it stops the run.
-FuzzBridge::Port &FuzzBridge::port(Handle handle) {
-    for (Port &p : ports_)
-        if (&p == handle && p.open) return p;
-    __builtin_trap();
-}
-
 Status FuzzBridge::get_device_info_list(platform::BridgeEntry *entries, uint32_t *count) {
-    if (*count > ports_.size()) *count = static_cast<uint32_t>(ports_.size());
+    *count = std::min(*count, static_cast<uint32_t>(ports_.size()));
     for (uint32_t i = 0; i < *count; ++i) {
         std::snprintf(entries[i].serial_number, sizeof entries[i].serial_number, "FZ%04u", i);
         std::snprintf(entries[i].description, sizeof entries[i].description, "Fuzzed Spectrometer");
     }
-    return platform::kOk;
+    return kOk;
 }
 
 Status FuzzBridge::open(int index, Handle *handle) {
@@ -45,23 +37,22 @@ Status FuzzBridge::open(int index, Handle *handle) {
     p.open = true;
     p.inbox.clear();
     *handle = &p;
-    return platform::kOk;
+    return kOk;
 }
 
 void FuzzBridge::schedule(Port &p, uint32_t *written) {
     double at = clock_.now_ms();
-    while (!replies_.empty()) {
+    while (replies_.left > 0) {
         const uint8_t control = replies_.byte();
-        const uint16_t length = replies_.be16();
+        size_t length = replies_.be(2);
         at += chunk_delay_ms(control);
         if (length == kFailRead) {
             p.fail_next_read = true;
         } else if (length == kShortWrite) {
             if (written != nullptr && *written > 0) --*written;
         } else {
-            size_t n = length;
-            const uint8_t *bytes = replies_.take(n);
-            p.inbox.deliver(bytes, n, at);
+            const uint8_t *bytes = replies_.take(length);
+            p.inbox.deliver(bytes, length, at);
         }
         if (control & kEndOfReply) break;
     }
@@ -75,13 +66,13 @@ Status FuzzBridge::read(Handle handle, void *buffer, uint32_t count, uint32_t *r
         return 4;  // the driver's I/O error
     }
     *returned = static_cast<uint32_t>(p.inbox.read(static_cast<uint8_t *>(buffer), count, p.read_limit_ms));
-    return platform::kOk;
+    return kOk;
 }
 
 }  // namespace kavrel::fuzz
 
 // The targets print through the library's trace functions and the bridge
-// listing: their output goes nowhere.
+// listing: their output goes nowhere (where that fails it stays: only noise).
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 #ifdef _WIN32
     const char *nowhere = "NUL";
@@ -89,6 +80,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     const char *nowhere = "/dev/null";
 #endif
     std::FILE *const out = std::freopen(nowhere, "w", stdout);
-    static_cast<void>(out);  // where it failed, the output stays: only noise
+    static_cast<void>(out);
     return 0;
 }

@@ -30,33 +30,22 @@ constexpr uint16_t kShortWrite = 0xFFFE;
 constexpr uint8_t kEndOfReply = 0x80;
 
 // The fuzzer's bytes, read front to back; past the end every read gives 0.
-class Input {
-public:
-    Input(const uint8_t *data, size_t size) : p_(data), left_(size) {}
-    bool empty() const { return left_ == 0; }
-    uint8_t byte() {
-        if (left_ == 0) return 0;
-        --left_;
-        return *p_++;
-    }
-    uint16_t be16() { return static_cast<uint16_t>(be(2)); }
-    uint32_t be32() { return be(4); }
-    // Up to n bytes; n is cut to what was there.
-    const uint8_t *take(size_t &n) {
-        n = std::min(n, left_);
-        left_ -= n;
-        p_ += n;
-        return p_ - n;
-    }
-
-private:
+struct Input {
+    const uint8_t *p;
+    size_t left;
+    uint8_t byte() { return left == 0 ? 0 : (--left, *p++); }
+    // A big-endian number of the given number of bytes.
     uint32_t be(int bytes) {
         uint32_t value = 0;
-        for (int i = 0; i < bytes; ++i) value = value << 8 | byte();
+        while (bytes-- > 0) value = value << 8 | byte();
         return value;
     }
-    const uint8_t *p_;
-    size_t left_;
+    // Up to n bytes; n is cut to what was there.
+    const uint8_t *take(size_t &n) {
+        n = std::min(n, left);
+        left -= n;
+        return (p += n) - n;
+    }
 };
 
 // The delay a chunk's control byte gives it after the previous chunk.
@@ -65,15 +54,21 @@ inline double chunk_delay_ms(uint8_t control) {
     return d * d / 4.0;
 }
 
+// A broken promise of the library: stops the run where the fuzzer sees it.
+inline void require(bool promise) {
+    if (!promise) __builtin_trap();
+}
+
 using platform::Handle;
+using platform::kOk;
 using platform::Status;
 
 class FuzzBridge {
 public:
     // bridges are listed (their serials "FZ0000", "FZ0001", ...); every
-    // reply comes from replies. Installs itself as the provider in force.
+    // reply comes from replies. Installs itself as the provider in force;
+    // the destructor closes every device and puts the default one back.
     FuzzBridge(int bridges, Input replies);
-    // Closes every device and puts the build's default provider back.
     ~FuzzBridge();
     FuzzBridge(const FuzzBridge &) = delete;
     FuzzBridge &operator=(const FuzzBridge &) = delete;
@@ -83,30 +78,23 @@ public:
     void send_unasked(int index) { schedule(ports_[static_cast<size_t>(index)], nullptr); }
 
     Status create_device_info_list(uint32_t *count) {
-        *count = static_cast<uint32_t>(ports_.size());
-        return platform::kOk;
+        return *count = static_cast<uint32_t>(ports_.size()), kOk;
     }
     Status get_device_info_list(platform::BridgeEntry *entries, uint32_t *count);
     Status open(int index, Handle *handle);
-    Status close(Handle h) {
-        port(h).open = false;
-        return platform::kOk;
-    }
-    Status set_timeouts(Handle h, uint32_t read_ms, uint32_t) {
-        port(h).read_limit_ms = read_ms;
-        return platform::kOk;
-    }
-    Status set_latency_timer(Handle, uint8_t) { return platform::kOk; }
-    Status set_usb_parameters(Handle, uint32_t, uint32_t) { return platform::kOk; }
+    Status close(Handle h) { return port(h).open = false, kOk; }
+    Status set_timeouts(Handle h, uint32_t read_ms, uint32_t) { return port(h).read_limit_ms = read_ms, kOk; }
+    Status set_latency_timer(Handle, uint8_t) { return kOk; }
+    Status set_usb_parameters(Handle, uint32_t, uint32_t) { return kOk; }
     Status purge(Handle h, uint32_t mask) {
         if (mask & platform::kPurgeRx) port(h).inbox.purge();
-        return platform::kOk;
+        return kOk;
     }
-    Status reset_device(Handle) { return platform::kOk; }
+    Status reset_device(Handle) { return kOk; }
     Status write(Handle h, const void *, uint32_t count, uint32_t *written) {
         *written = count;
         schedule(port(h), written);
-        return platform::kOk;
+        return kOk;
     }
     Status read(Handle handle, void *buffer, uint32_t count, uint32_t *returned);
     double now_ms() { return clock_.now_ms(); }
@@ -120,7 +108,13 @@ private:
         bool open = false;
         bool fail_next_read = false;
     };
-    Port &port(Handle handle);
+    // A bridge call on a handle that is not open is the library's bug,
+    // whatever the instrument sent: it stops the run.
+    Port &port(Handle handle) {
+        for (Port &p : ports_)
+            if (&p == handle && p.open) return p;
+        __builtin_trap();
+    }
     // Takes the next reply from the stream into p's inbox; a short write
     // lowers *written.
     void schedule(Port &p, uint32_t *written);
@@ -131,15 +125,10 @@ private:
     platform::Platform table_;
 };
 
-// A broken promise of the library: stops the run where the fuzzer sees it.
-inline void require(bool promise) {
-    if (!promise) __builtin_trap();
-}
-
 // A count, capacity or length from a 32-bit argument: below bound, or, when
 // the top bit is set, anything at all (negative as int32_t).
 inline int32_t size_arg(uint32_t v, uint32_t bound) {
-    return (v & 0x80000000u) != 0 ? static_cast<int32_t>(v) : static_cast<int32_t>(v % bound);
+    return static_cast<int32_t>((v & 0x80000000u) != 0 ? v : v % bound);
 }
 
 inline size_t room(int32_t n) {
@@ -150,20 +139,15 @@ inline size_t room(int32_t n) {
 // them is caught, filled with a pattern, so that a failed call can be shown
 // to have left them alone.
 template <typename T>
-class Output {
-public:
-    explicit Output(size_t n) : n_(n), data_(new T[n]) { std::memset(data_.get(), kPattern, n * sizeof(T)); }
-    T *get() const { return data_.get(); }
-    size_t size() const { return n_; }
+struct Output {
+    explicit Output(size_t size) : n(size), data(new T[size]) { std::memset(get(), 0xA5, n * sizeof(T)); }
+    T *get() const { return data.get(); }
     bool untouched() const {
-        const auto *bytes = reinterpret_cast<const uint8_t *>(data_.get());
-        return std::all_of(bytes, bytes + n_ * sizeof(T), [](uint8_t b) { return b == kPattern; });
+        const auto *bytes = reinterpret_cast<const uint8_t *>(get());
+        return std::all_of(bytes, bytes + n * sizeof(T), [](uint8_t b) { return b == 0xA5; });
     }
-
-private:
-    static constexpr uint8_t kPattern = 0xA5;
-    size_t n_;
-    std::unique_ptr<T[]> data_;
+    const size_t n;
+    const std::unique_ptr<T[]> data;
 };
 
 }  // namespace kavrel::fuzz

@@ -51,7 +51,7 @@ public:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    Input in(data, size);
+    Input in{data, size};
     const uint8_t setup = in.byte();
     CheckedLine line;
     line.nir = (setup & 1) != 0;
@@ -63,20 +63,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     else
         instrument = std::make_unique<sim::Cm2Instrument>(config, line);
     if ((setup & 2) != 0) {
-        kavrel_sim_fault fault{};
-        fault.kind = in.byte() % 13;
-        fault.count = in.byte() % 4;
-        fault.parameter = in.be16();
-        if (sim::Faults::valid(fault)) {
-            instrument->faults().add(fault);
-            line.faulty = true;
-        }
+        const kavrel_sim_fault fault{in.byte() % 13u, in.byte() % 4u, in.be(2), 0};
+        line.faulty = sim::Faults::valid(fault);
+        if (line.faulty) instrument->faults().add(fault);
     }
-    while (!in.empty()) {
-        const double delay_ms = chunk_delay_ms(in.byte());
-        size_t n = in.be16();
+    while (in.left > 0) {
+        line.now += chunk_delay_ms(in.byte());
+        size_t n = in.be(2);
         const uint8_t *bytes = in.take(n);
-        line.now += delay_ms;
         instrument->receive(bytes, n, line.now);
     }
     return 0;

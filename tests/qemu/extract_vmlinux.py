@@ -7,27 +7,22 @@ import lzma
 import sys
 import zlib
 
-MAGICS = [
-    (b"\xfd7zXZ\x00", lambda data: lzma.LZMADecompressor(lzma.FORMAT_XZ).decompress(data)),
-    (b"\x1f\x8b\x08", lambda data: zlib.decompressobj(16 + zlib.MAX_WBITS).decompress(data)),
-]
+DECOMPRESSORS = {
+    b"\xfd7zXZ\x00": lambda data: lzma.LZMADecompressor(lzma.FORMAT_XZ).decompress(data),
+    b"\x1f\x8b\x08": lambda data: zlib.decompressobj(16 + zlib.MAX_WBITS).decompress(data),
+}
 
-
-def main(bzimage, out):
-    image = open(bzimage, "rb").read()
-    for magic, decompress in MAGICS:
-        at = image.find(magic)
-        while at >= 0:
-            try:
-                kernel = decompress(image[at:])
-            except (lzma.LZMAError, zlib.error):
-                kernel = b""
-            if kernel.startswith(b"\x7fELF"):
-                open(out, "wb").write(kernel)
-                return 0
-            at = image.find(magic, at + 1)
-    sys.exit(f"no compressed ELF kernel found in {bzimage}")
-
-
-if __name__ == "__main__":
-    main(*sys.argv[1:])
+bzimage, out = sys.argv[1:3]
+image = open(bzimage, "rb").read()
+for magic, decompress in DECOMPRESSORS.items():
+    at = image.find(magic)
+    while at >= 0:
+        try:
+            kernel = decompress(image[at:])
+        except (lzma.LZMAError, zlib.error):
+            kernel = b""
+        if kernel.startswith(b"\x7fELF"):
+            open(out, "wb").write(kernel)
+            sys.exit(0)
+        at = image.find(magic, at + 1)
+sys.exit(f"no compressed ELF kernel found in {bzimage}")

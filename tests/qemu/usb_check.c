@@ -20,49 +20,41 @@ static int compare(const void *a, const void *b) {
 
 static void report_instrument(const char *chip) {
     kavrel_direct_device_info info;
-    uint32_t protocol = 0, micros = 0;
+    uint32_t protocol = 0, micros = 0, sum = 0, weighted = 0;
     uint16_t count = 0;
     static double wavelengths[4096];
     static uint16_t samples[4096];
-    double sum = 0;
+    double wavelength_sum = 0;
     int32_t i, n;
 
     printf("report: %s open %d\n", chip, (int)kavrel_direct_open_device_by_chip_serial(chip));
     kavrel_direct_get_device_protocol(&protocol);
     printf("report: %s protocol %u\n", chip, (unsigned)protocol);
-    if (kavrel_direct_get_device_info(&info) == KAVREL_DIRECT_OK)
-        printf("report: %s info %s model=%s serial=%s hardware=%s\n", chip, info.protocol_name, info.model,
-               info.serial_number, info.hardware_version);
-    else
-        printf("report: %s info failed\n", chip);
+    /* A failure shows as empty texts. */
+    if (kavrel_direct_get_device_info(&info) != KAVREL_DIRECT_OK) memset(&info, 0, sizeof info);
+    printf("report: %s info %s model=%s serial=%s hardware=%s\n", chip, info.protocol_name, info.model,
+           info.serial_number, info.hardware_version);
 
-    if (kavrel_direct_get_wavelength_count(&count) != KAVREL_DIRECT_OK) count = 0;
+    if (kavrel_direct_get_wavelength_count(&count) != KAVREL_DIRECT_OK || count > 4096) count = 0;
     n = kavrel_direct_get_full_wavelength_data(wavelengths, 4096);
-    printf("report: %s wavelengths %d count %u", chip, (int)n, (unsigned)count);
-    if (n == KAVREL_DIRECT_OK && count > 0) {
-        for (i = 0; i < count; ++i) sum += wavelengths[i];
-        printf(" first %.4f last %.4f sum %.4f", wavelengths[0], wavelengths[count - 1], sum);
-    }
-    printf("\n");
+    for (i = 0; n == KAVREL_DIRECT_OK && i < count; ++i) wavelength_sum += wavelengths[i];
+    printf("report: %s wavelengths %d count %u first %.4f last %.4f sum %.4f\n", chip, (int)n,
+           (unsigned)count, wavelengths[0], wavelengths[count > 0 ? count - 1 : 0], wavelength_sum);
 
     n = kavrel_direct_set_integration_time(20000);
     printf("report: %s set integration time %d", chip, (int)n);
     n = kavrel_direct_get_integration_time(&micros);
     printf(" read back %d %u\n", (int)n, (unsigned)micros);
 
+    /* The simulated noise is seeded, so every sample is known: a sum and a
+     * position-weighted sum catch a lost, doubled or shifted byte. */
     n = kavrel_direct_get_full_spectrum_data(samples, 4096);
-    printf("report: %s spectrum %d", chip, (int)n);
-    if (n == KAVREL_DIRECT_OK && count > 0) {
-        /* The simulated noise is seeded, so every sample is known: a sum and
-         * a position-weighted sum catch a lost, doubled or shifted byte. */
-        uint32_t sum = 0, weighted = 0;
-        for (i = 0; i < count; ++i) {
-            sum += samples[i];
-            weighted += (uint32_t)(i + 1) * samples[i];
-        }
-        printf(" points %u sum %u weighted %u", (unsigned)count, (unsigned)sum, (unsigned)weighted);
+    for (i = 0; n == KAVREL_DIRECT_OK && i < count; ++i) {
+        sum += samples[i];
+        weighted += (uint32_t)(i + 1) * samples[i];
     }
-    printf("\n");
+    printf("report: %s spectrum %d points %u sum %u weighted %u\n", chip, (int)n, (unsigned)count,
+           (unsigned)sum, (unsigned)weighted);
 }
 
 int main(void) {
@@ -72,7 +64,8 @@ int main(void) {
 
     printf("report: bridges %u\n", (unsigned)listed);
     for (i = 0; i < count; ++i)
-        if (kavrel_direct_get_chip_serial_by_index(i, chips[i], sizeof chips[i]) != KAVREL_DIRECT_OK) chips[i][0] = 0;
+        if (kavrel_direct_get_chip_serial_by_index(i, chips[i], sizeof chips[i]) != KAVREL_DIRECT_OK)
+            chips[i][0] = 0;
     qsort(chips, (size_t)count, sizeof chips[0], compare);
     for (i = 0; i < count; ++i) report_instrument(chips[i]);
     kavrel_direct_close_all_devices();
@@ -86,7 +79,8 @@ int main(void) {
         int32_t result = kavrel_direct_open_device_by_chip_serial(chip), tries = 0;
         printf("guest: unplug %s now\n", chip);
         fflush(stdout);
-        while (result == KAVREL_DIRECT_OK && ++tries < 100) result = kavrel_direct_get_integration_time(&micros);
+        while (result == KAVREL_DIRECT_OK && ++tries < 100)
+            result = kavrel_direct_get_integration_time(&micros);
         printf("unplugged: %s gives %d\n", chip, (int)result);
         kavrel_direct_close_all_devices();
     }

@@ -1,12 +1,12 @@
 /* An application with a bridge driver on its library search path: the
- * stand-in FTD2XX.dll of the folder fake_driver beside the program, named
- * with SetDllDirectory on Windows; on Linux the stand-in libftd2xx.so of
- * the folder the test names in LD_LIBRARY_PATH. The library must find the
- * driver through the normal
- * search on first use, list its bridges from FT_DEVICE_LIST_INFO_NODE
- * records, configure a bridge in the D2XX order when opening it, settle the
- * CM2 protocol from the instrument's answer and close the handles it
- * opened, passing every argument through the driver's WINAPI calls intact. */
+ * stand-in FTD2XX.dll in its current folder on Windows (the test runs it in
+ * the folder fake_driver), the stand-in libftd2xx.so of the folder the test
+ * names in LD_LIBRARY_PATH on Linux. The library must find the driver
+ * through the normal search on first use, list its bridges from
+ * FT_DEVICE_LIST_INFO_NODE records, configure a bridge in the D2XX order
+ * when opening it, settle the CM2 protocol from the instrument's answer and
+ * close the handles it opened, passing every argument through the driver's
+ * WINAPI calls intact. */
 #include <stdio.h>
 #include <string.h>
 
@@ -17,64 +17,32 @@
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 
-typedef const char *(WINAPI *log_fn)(void);
-
-static int use_fake_driver(void) {
-    char path[MAX_PATH];
-    const DWORD length = GetModuleFileNameA(NULL, path, sizeof path);
-    char *slash = strrchr(path, '\\');
-    if (length == 0 || length >= sizeof path || slash == NULL) return 0;
-    if ((size_t)(slash + 1 - path) + sizeof "fake_driver" > sizeof path) return 0;
-    strcpy(slash + 1, "fake_driver");
-    return SetDllDirectoryA(path) != 0;
-}
-
-/* The calls the driver has seen so far, or "" while it is not loaded. */
-static const char *driver_log(void) {
+static void *driver_symbol(const char *name) {
     const HMODULE driver = GetModuleHandleA("FTD2XX.dll");
-    log_fn log = NULL;
-    if (driver != NULL) log = (log_fn)(void (*)(void))GetProcAddress(driver, "fake_ftd2xx_log");
-    return log != NULL ? log() : "";
+    const FARPROC function = driver != NULL ? GetProcAddress(driver, name) : NULL;
+    void *symbol;
+    memcpy(&symbol, &function, sizeof symbol);
+    return symbol;
 }
-
-static int driver_loaded(void) {
-    return GetModuleHandleA("FTD2XX.dll") != NULL;
-}
-
 #else
 #include <dlfcn.h>
 
-typedef const char *(*log_fn)(void);
-
-static int use_fake_driver(void) {
-    return 1;
-}
-
-/* The driver as the library loaded it; null while it is not loaded. */
-static void *loaded_driver(void) {
-    return dlopen("libftd2xx.so", RTLD_LAZY | RTLD_NOLOAD);
-}
-
-static const char *driver_log(void) {
-    void *driver = loaded_driver();
-    const char *log = "";
-    if (driver != NULL) {
-        void *symbol = dlsym(driver, "fake_ftd2xx_log");
-        log_fn function = NULL;
-        /* An object pointer to a function pointer, as POSIX allows. */
-        if (symbol != NULL) memcpy(&function, &symbol, sizeof function);
-        if (function != NULL) log = function();
-        dlclose(driver);
-    }
-    return log;
-}
-
-static int driver_loaded(void) {
-    void *driver = loaded_driver();
-    if (driver != NULL) dlclose(driver);
-    return driver != NULL;
+static void *driver_symbol(const char *name) {
+    void *driver = dlopen("libftd2xx.so", RTLD_LAZY | RTLD_NOLOAD);
+    void *symbol = driver != NULL ? dlsym(driver, name) : NULL;
+    if (driver != NULL) dlclose(driver); /* the library keeps it loaded */
+    return symbol;
 }
 #endif
+
+/* The calls the driver has seen so far, or NULL while it is not loaded. */
+static const char *driver_log(void) {
+    void *symbol = driver_symbol("fake_ftd2xx_log");
+    const char *(*log)(void) = NULL;
+    /* An object pointer to a function pointer, as POSIX allows. */
+    memcpy(&log, &symbol, sizeof log);
+    return log != NULL ? log() : NULL;
+}
 
 /* Opening bridge i: open, the 5000 ms limits, latency 1 ms, 64 KiB USB
  * transfers, both buffers purged, a reset; then the CM2 probe: purge, the
@@ -89,8 +57,9 @@ static void append_opening(char *log, size_t size, int i) {
 
 static void check_log(const char *expected) {
     const char *actual = driver_log();
-    if (strcmp(actual, expected) != 0) {
-        fprintf(stderr, "driver calls differ\n  expected: %s\n  actual:   %s\n", expected, actual);
+    if (actual == NULL || strcmp(actual, expected) != 0) {
+        fprintf(stderr, "driver calls differ\n  expected: %s\n  actual:   %s\n", expected,
+                actual != NULL ? actual : "(not loaded)");
         ++g_failures;
     }
 }
@@ -99,13 +68,8 @@ int main(void) {
     char expected[2048] = "";
     char serial[16];
     uint32_t protocol = 0;
-    uint32_t capabilities = 0;
 
-    if (!use_fake_driver()) {
-        fprintf(stderr, "cannot name the stand-in driver's folder\n");
-        return 1;
-    }
-    CHECK(!driver_loaded());
+    CHECK(driver_log() == NULL);
     /* Prints "[0] Fake Bridge A (SN: FK000001)" and "[1] ...", which the
      * test's pass expression looks for. */
     CHECK(kavrel_direct_scan_devices() == 2u);
@@ -116,8 +80,6 @@ int main(void) {
     CHECK(kavrel_direct_open_device(0) == KAVREL_DIRECT_OK);
     CHECK(kavrel_direct_get_device_protocol(&protocol) == KAVREL_DIRECT_OK);
     CHECK(protocol == KAVREL_DIRECT_PROTOCOL_CM2);
-    CHECK(kavrel_direct_get_capabilities(&capabilities) == KAVREL_DIRECT_OK);
-    CHECK(capabilities == KAVREL_DIRECT_CAPABILITIES_CM2);
     append_opening(expected, sizeof expected, 0);
     check_log(expected);
 
