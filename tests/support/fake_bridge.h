@@ -1,18 +1,12 @@
 // A fake USB bridge with scripted instruments, on the library's timing
-// engine in virtual time.
-//
-// Each attached bridge plays a script: every write takes the next step, is
-// compared with the bytes the step expects (a mismatch fails the test with
-// both sides in hex) and schedules the step's reply in the bridge's inbox.
-// Reads, purges and the clock are the engine's, so a two-minute time limit
-// passes in microseconds. Every bridge call is recorded, so a test states
-// the traffic as one line (trace()).
-//
-// Requests and replies are built by an encoder of the tests' own, CRCs
-// included, so a fault in the library's codec cannot hide on both sides.
-//
-// Also here: a model spectrometer that answers every request, the spectral
-// ones from its own wavelength table, and the fixture of the device tests.
+// engine in virtual time: each write takes the next step of its bridge's
+// script, is compared with the bytes the step expects (a mismatch fails the
+// test, both sides in hex) and schedules the step's reply; reads, purges and
+// the clock are the engine's, so a two-minute limit passes in microseconds.
+// Every call is recorded (trace()). Requests and replies come from an
+// encoder of the tests' own, so a fault in the library's codec cannot hide
+// on both sides. Also: a model spectrometer answering from its wavelength
+// table, and the fixture of the device tests.
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
@@ -29,7 +23,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "kavrel_direct.h"
@@ -183,25 +176,16 @@ inline std::vector<Chunk> at_once(const Bytes &bytes) {
 // Values as the instruments send them, most significant byte first (big)
 // or last: samples and calibration coefficients big-endian, wavelength
 // entries (floats) little-endian.
+// (Every host the tests run on is little-endian.)
 template <typename T>
 Bytes encode(const std::vector<T> &values, bool big = true) {
-    using Bits = std::conditional_t<sizeof(T) == 2, uint16_t,
-                                    std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>;
-    Bytes out;
-    for (const T &value : values) {
-        Bits bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        for (size_t i = 0; i < sizeof bits; ++i)
-            out.push_back(static_cast<uint8_t>(bits >> 8 * (big ? sizeof bits - 1 - i : i)));
-    }
+    const auto *bytes = reinterpret_cast<const uint8_t *>(values.data());
+    Bytes out(bytes, bytes + sizeof(T) * values.size());
+    for (size_t i = 0; big && i < out.size(); i += sizeof(T)) std::reverse(&out[i], &out[i] + sizeof(T));
     return out;
 }
-inline Bytes le_floats(const std::vector<float> &values) {
-    return encode(values, false);
-}
-inline Bytes be_samples(const std::vector<uint16_t> &values) {
-    return encode(values, true);
-}
+const auto le_floats = [](const std::vector<float> &values) { return encode(values, false); };
+const auto be_samples = [](const std::vector<uint16_t> &values) { return encode(values); };
 
 inline Bytes concat(std::initializer_list<Bytes> parts) {
     Bytes out;
