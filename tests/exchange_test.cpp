@@ -13,11 +13,11 @@ namespace kavrel::test {
 namespace {
 
 TEST(SpectrumTimeLimit, IntegrationRoundedUpTimesAveragesPlusASecondAtMostTwoMinutes) {
-    const uint32_t cases[][3] = {{10000, 1, 1010},       {0, 1, 1000},           {2500, 16, 1048},
-                                 {1500, 0, 1002},        {2500000, 100, 120000}, {0xFFFFFFFFu, 255, 120000},
-                                 {119000000, 1, 120000}, {118999000, 1, 119999}, {1001, 1, 1002}};
-    for (const auto &c : cases)
-        EXPECT_EQ(spectrum_time_limit_ms(c[0], static_cast<uint8_t>(c[1])), c[2]) << c[0] << " us, " << c[1];
+    EXPECT_EQ(str(spectrum_time_limit_ms(10000, 1), spectrum_time_limit_ms(0, 1), spectrum_time_limit_ms(2500, 16),
+                  spectrum_time_limit_ms(1500, 0), spectrum_time_limit_ms(2500000, 100),
+                  spectrum_time_limit_ms(0xFFFFFFFFu, 255), spectrum_time_limit_ms(119000000, 1),
+                  spectrum_time_limit_ms(118999000, 1), spectrum_time_limit_ms(1001, 1)),
+              "1010 1000 1048 1002 120000 120000 120000 119999 1002");
 }
 
 // The library's virtual clock: continuous across a switch to real time and

@@ -34,7 +34,6 @@ const auto N = nir_frame;
 const auto W = cm2_write_bytes;
 const auto R = [](const Bytes &data, uint8_t code = 0xAC) { return cm2_reply(0xC1, 0, data, code); };
 const Bytes ACK = R({});
-const auto status = [](uint8_t state) { return R({0xC0, state, 0, 0, 0, 0, 0, 0}); };
 const auto A = [](const Bytes &data) { return nir_reply(data); };
 // The head, then t n times.
 Script repeat(Script head, int n, const Traffic &t) {
@@ -94,12 +93,10 @@ Call cached(Call call) {
         return rc;
     };
 }
-void select_two(device_slot &s) {
-    s.selection_valid = 1, s.start_index = 1, s.end_index = 2, s.selected_count = 2;
-}
-void select_three(device_slot &s) {
-    s.selection_valid = 1, s.start_index = 1, s.selected_count = 3;
-}
+const auto select_two = [](device_slot &s) {
+    s.selection_valid = s.start_index = 1, s.end_index = s.selected_count = 2;
+};
+const auto select_three = [](device_slot &s) { s.selection_valid = s.start_index = 1, s.selected_count = 3; };
 const auto count_4 = [](device_slot &s) { s.wavelength_count = 4; };
 
 Call selection_after(double start, double end) {
@@ -166,8 +163,8 @@ Traffic block(uint32_t address, Bytes head) {
     head.resize(8, 0);
     return {W(0xC1, address, head), ACK};
 }
-Traffic poll(uint32_t address, uint8_t state) {
-    return {Q(0xC1, address, 2), status(state)};
+Traffic poll(uint32_t address, uint8_t state) {  // a command block's status
+    return {Q(0xC1, address, 2), R({0xC0, state, 0, 0, 0, 0, 0, 0})};
 }
 
 // An NIR spectrum frame, read with 99 points cached; the point count after.

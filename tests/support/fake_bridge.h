@@ -165,18 +165,17 @@ private:
 Bytes cm2_query_bytes(uint8_t reg, uint32_t address, uint16_t words);
 Bytes cm2_write_bytes(uint8_t reg, uint32_t address, const Bytes &data);
 Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_code = 0xAC);
+// A reflected CRC, bit by bit: CRC-32 with 0xEDB88320, CRC-16 with 0xA001.
+uint32_t crc_bitwise(uint32_t reg, uint32_t polynomial, const uint8_t *bytes, size_t length);
 // NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
 Bytes nir_frame(const Bytes &command);
 Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
 // The whole reply, arriving at once.
-inline std::vector<Chunk> at_once(const Bytes &bytes) {
-    return {Chunk{bytes, 0}};
-}
+const auto at_once = [](const Bytes &bytes) { return std::vector<Chunk>{Chunk{bytes, 0}}; };
 
 // Values as the instruments send them, most significant byte first (big)
 // or last: samples and calibration coefficients big-endian, wavelength
-// entries (floats) little-endian.
-// (Every host the tests run on is little-endian.)
+// entries (floats) little-endian, as every host the tests run on.
 template <typename T>
 Bytes encode(const std::vector<T> &values, bool big = true) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(values.data());
