@@ -100,8 +100,7 @@ protected:
     // statics already made.
     int32_t run(const Operation &op, Outputs &out, int nth) {
         device_slot &s = active();
-        s.wavelength_count = 0, s.selection_valid = 1, s.start_index = 1, s.end_index = 3;
-        s.selected_count = 3;
+        s.wavelength_count = 0, s.selection_valid = s.start_index = 1, s.end_index = s.selected_count = 3;
         out.fill();
         g_counted = g_live_count = 0;
         g_fail_at = nth;
@@ -145,14 +144,16 @@ TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards
 TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
     using namespace platform;
     using namespace platform::fake_ftdi;
-    g_chips.emplace_back().product = 0x6010;  // two interfaces, two bridges
-    bool completed = false;
-    for (int nth = 1; !completed; ++nth) {
+    Chip &chip = g_chips.emplace_back();
+    chip.product = 0x6010;  // two interfaces, two bridges
+    uint32_t n = 0, done = 0;
+    uint8_t bytes[8] = {};
+    for (int nth = 1, completed = 0; !completed; ++nth) {
         SCOPED_TRACE(nth);
         // The stand-in's own records must not grow while the count runs.
-        g_chips.back().endpoints.reserve(16);
-        g_chips.back().packets.clear();
-        g_chips.back().send(g_clock.now_ms() + 1, 100);
+        chip.endpoints.reserve(16);
+        chip.packets.clear();
+        chip.send(g_clock.now_ms() + 1, 100);
         {
             LibftdiBridge bridge(kFake, g_clock);
             Handle h = nullptr;
@@ -160,8 +161,6 @@ TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
             g_fail_at = nth;
             try {
                 Counting counting;
-                uint32_t n = 0, done = 0;
-                uint8_t bytes[8] = {};
                 bridge.create_device_info_list(&n);
                 if (bridge.open(1, &h) == kOk) {
                     bridge.set_usb_parameters(h, 65536, 65536);
