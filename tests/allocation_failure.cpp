@@ -72,9 +72,9 @@ const platform::Platform *g_fake = nullptr;
     table.call = [](void *, auto... a) { Counting paused(-1); return g_fake->call(g_fake->context, a...); }
 platform::Platform uncounted(const platform::Platform &fake) {
     platform::Platform table = *(g_fake = &fake);
-    UNCOUNTED(create_device_info_list), UNCOUNTED(get_device_info_list), UNCOUNTED(open), UNCOUNTED(close),
-        UNCOUNTED(set_timeouts), UNCOUNTED(set_latency_timer), UNCOUNTED(set_usb_parameters), UNCOUNTED(purge),
-        UNCOUNTED(reset_device), UNCOUNTED(write), UNCOUNTED(read), UNCOUNTED(sleep_ms);
+    UNCOUNTED(create_device_info_list), UNCOUNTED(get_device_info_list), UNCOUNTED(open), UNCOUNTED(close);
+    UNCOUNTED(set_timeouts), UNCOUNTED(set_latency_timer), UNCOUNTED(set_usb_parameters), UNCOUNTED(purge);
+    UNCOUNTED(reset_device), UNCOUNTED(write), UNCOUNTED(read), UNCOUNTED(sleep_ms);
     return table;
 }
 

@@ -161,8 +161,8 @@ TEST(PacketPrinters, TreeOfAWritePacketAndItsFields) {
 
 TEST(PacketPrinters, CodeNames) {
     std::string names;
-    for (int code : {0x0D, 0xAD, 0x3D, 0xEA, 0xE0, 0x00}) names += kavrel_direct_srv_name(code) + std::string("|");
-    for (int code : {0xAC, 0xE0, 0xE1, 0xE2, 0xE3, 0xAD}) names += kavrel_direct_ans_reply_name(code) + std::string("|");
+    for (int code : {0x0D, 0xAD, 0x3D, 0xEA, 0xE0, 0x00}) (names += kavrel_direct_srv_name(code)) += "|";
+    for (int c : {0xAC, 0xE0, 0xE1, 0xE2, 0xE3, 0xAD}) (names += kavrel_direct_ans_reply_name(c)) += "|";
     EXPECT_EQ(names,
               "Read Memory (Query)|Write Memory (With ACK)|Write Memory (No ACK)|Response (Write ACK)|"
               "Response (With Data)|Unknown Service|Normal ACK|Command Timeout|CRC Mismatch|Invalid Command|"

@@ -213,9 +213,9 @@ TEST(NullProvider, ListsNothingAndFailsEveryCall) {
     platform::Handle h = nullptr;
     EXPECT_EQ((std::vector<platform::Status>{
                   null.create_device_info_list(&count), null.get_device_info_list(&entry, &listed),
-                  null.write(h, &count, 1, &done), null.read(h, &count, 1, &read), null.open(0, &h), null.close(h),
-                  null.set_timeouts(h, 1, 1), null.set_latency_timer(h, 1), null.set_usb_parameters(h, 1, 1),
-                  null.purge(h, 3), null.reset_device(h)}),
+                  null.write(h, &count, 1, &done), null.read(h, &count, 1, &read), null.open(0, &h),
+                  null.close(h), null.set_timeouts(h, 1, 1), null.set_latency_timer(h, 1),
+                  null.set_usb_parameters(h, 1, 1), null.purge(h, 3), null.reset_device(h)}),
               std::vector<platform::Status>(11, platform::kNoDriver));
     EXPECT_EQ(str(count, listed, done, read), "0 0 0 0");
     const double before = null.now_ms();

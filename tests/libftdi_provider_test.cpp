@@ -249,8 +249,9 @@ TEST_F(Libftdi, RefusesNullArgumentsAndNamesTheRequestTheChipRefused) {
     // A braced list calls in order.
     using All = std::vector<Status>;
     EXPECT_EQ((All{bridge.create_device_info_list(nullptr), bridge.get_device_info_list(nullptr, nullptr),
-                   bridge.open(0, nullptr), bridge.write(h, nullptr, 4, &n), bridge.write(h, bytes, 4, nullptr),
-                   bridge.read(h, nullptr, 4, &n), bridge.read(h, bytes, 4, nullptr)}),
+                   bridge.open(0, nullptr), bridge.write(h, nullptr, 4, &n),
+                   bridge.write(h, bytes, 4, nullptr), bridge.read(h, nullptr, 4, &n),
+                   bridge.read(h, bytes, 4, nullptr)}),
               All(7, kInvalidParameter));
     EXPECT_EQ(bridge.write(h, bytes, 0, &n) + bridge.purge(h, 0), kOk);
     EXPECT_EQ((All{bridge.set_timeouts(nullptr, 1, 1), bridge.set_latency_timer(nullptr, 1),

@@ -119,7 +119,8 @@ void put_be(Bytes &out, uint32_t value, int bytes) {
 
 // A query names the words it asks for and carries none; other packets
 // carry their data padded to whole words.
-Bytes cm2_packet(uint8_t srv, uint16_t asked, uint8_t reg, uint32_t address, uint8_t reply, const Bytes &data) {
+Bytes cm2_packet(uint8_t srv, uint16_t asked, uint8_t reg, uint32_t address, uint8_t reply,
+                 const Bytes &data) {
     const bool query = srv == 0x0D;
     const auto words = static_cast<uint16_t>(query ? asked : (data.size() + 3) / 4);
     Bytes out{0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0xCC};
