@@ -1,11 +1,9 @@
 // Every allocation the library makes, made to fail in turn, in every device
 // operation and both protocols: the call returns -5, writes nothing, keeps
 // the slot's caches, leaks nothing, and the device answers the same call
-// correctly afterwards.
-//
-// A program of its own, since it replaces the global allocation functions:
-// they count (and fail) only what the library allocates during an operation,
-// not what the test or the fake instrument behind the provider allocate.
+// correctly afterwards. A program of its own, since it replaces the global
+// allocation functions: they count (and fail) only what the library
+// allocates during an operation, not what the test or the fake allocate.
 #include <cstdlib>
 #include <new>
 
@@ -20,8 +18,7 @@ namespace {
 thread_local int t_counting = 0;  // > 0 while the library runs for the test
 int g_counted = 0;                // allocations counted since the last reset
 int g_fail_at = 0;                // the counted allocation that fails; 0: none
-// The counted allocations not yet freed.
-void *g_live[64];
+void *g_live[64];  // the counted allocations not yet freed
 int g_live_count = 0;
 
 void release(void *memory) {

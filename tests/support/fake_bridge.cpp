@@ -29,20 +29,17 @@ int FakeBridge::attach(const std::string &serial) {
 }
 
 std::string FakeBridge::trace() const {
-    const std::vector<std::string> &items = calls;
     std::string out;
-    for (size_t i = 0; i < items.size();) {
-        size_t period = 1, times = 1;  // the shortest repeating run here
-        for (size_t k = 1; k <= 2 && times == 1; ++k) {
-            period = k;
-            while (i + (times + 1) * k <= items.size() &&
-                   std::equal(items.begin() + i, items.begin() + i + k, items.begin() + i + times * k))
-                ++times;
-        }
-        if (times == 1) period = 1;
-        std::string item = period == 2 ? "(" + items[i] + ", " + items[i + 1] + ")" : items[i];
-        out += (out.empty() ? "" : ", ") + item + (times > 1 ? " x" + std::to_string(times) : "");
-        i += period * times;
+    for (size_t i = 0; i < calls.size();) {
+        const auto runs = [&](size_t k) {  // how many times the next k calls come in a row
+            size_t n = 1;
+            while (i + (n + 1) * k <= calls.size() && std::equal(&calls[i], &calls[i] + k, &calls[i + n * k])) ++n;
+            return n;
+        };
+        const size_t k = runs(1) > 1 || runs(2) == 1 ? 1 : 2, n = runs(k);
+        out += (out.empty() ? "" : ", ") + (k == 2 ? "(" + calls[i] + ", " + calls[i + 1] + ")" : calls[i]) +
+               (n > 1 ? " x" + std::to_string(n) : "");
+        i += k * n;
     }
     return out;
 }

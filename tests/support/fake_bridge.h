@@ -68,8 +68,7 @@ struct FakeInstrument {
     std::string serial;
     std::string description = "Fake Spectrometer";
     std::deque<Step> script;
-    // Answers writes once the script is used up; none: a write then fails
-    // the test.
+    // Answers writes once the script is used up; none: a write then fails the test.
     std::function<std::vector<Chunk>(const Bytes &)> responder;
     int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
@@ -83,8 +82,7 @@ public:
 
     int attach(const std::string &serial);  // a bridge; returns its list position
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
-    // Scripts the next write of bridge index: the bytes it must carry (or
-    // any), and the reply.
+    // Scripts the next write of bridge index: the bytes it must carry (none: any), the reply.
     void expect(int index, std::optional<Bytes> request, std::vector<Chunk> reply = {}) {
         instrument(index).script.push_back(Step{std::move(request), std::move(reply), 0, std::nullopt});
     }
@@ -192,16 +190,22 @@ inline Bytes concat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
+// A model spectrometer. CM2: every write is acknowledged; queries of the
+// point count and the table are served from the model, any other query gets
+// the words asked for, all 0xAA (so a command block's status reads back
+// done). NIR: the table, a spectrum of as many samples, and 40 bytes of
+// 0xAA for any other command.
 struct SpectralModel {
     std::vector<float> table;
 
-    // CM2: every write is acknowledged; queries of the point count and the
-    // table are served from the model, and any other query gets the words
-    // asked for, all 0xAA (so a command block's status reads back done).
-    std::vector<Chunk> answer_cm2(const Bytes &request) const {
+    Bytes answer(const Bytes &request, bool nir) const {
+        if (nir) {
+            const bool query = request[0] == 0x3F && request[1] == 0x53;
+            return nir_reply(query ? le_floats(table) : Bytes(request[0] == 0x53 ? 2 * table.size() : 40, 0xAA));
+        }
         const uint8_t reg = request[21];
         const uint32_t address = static_cast<uint32_t>(request[22] << 16) | load_be16(&request[23]);
-        if (request[13] != 0x0D) return at_once(cm2_reply(reg, address, {}));
+        if (request[13] != 0x0D) return cm2_reply(reg, address, {});
         const size_t words = load_be16(&request[15]);
         Bytes data(4 * words, 0xAA);
         if (reg == 0xC2 && address == 0x0B) {
@@ -210,21 +214,11 @@ struct SpectralModel {
             const auto first = table.begin() + std::min<long>(address, static_cast<long>(table.size()));
             data = le_floats({first, first + std::min<long>(static_cast<long>(words), table.end() - first)});
         }
-        return at_once(cm2_reply(reg, address, data));
+        return cm2_reply(reg, address, data);
     }
-
-    // NIR: the table, a spectrum of as many samples, and 40 bytes of 0xAA
-    // for any other command.
-    std::vector<Chunk> answer_nir(const Bytes &frame) const {
-        if (frame[0] == 0x3F && frame[1] == 0x53) return at_once(nir_reply(le_floats(table)));
-        return at_once(nir_reply(Bytes(frame[0] == 0x53 ? 2 * table.size() : 40, 0xAA)));
-    }
-
     // Makes bridge device answer as this model, in the given protocol.
     void serve(FakeBridge &bridge, int device, bool nir) const {
-        bridge.instrument(device).responder = [this, nir](const Bytes &written) {
-            return nir ? answer_nir(written) : answer_cm2(written);
-        };
+        bridge.instrument(device).responder = [=](const Bytes &request) { return at_once(answer(request, nir)); };
     }
 };
 
@@ -233,9 +227,7 @@ constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, ARG = KAVREL
                   TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT, CRC = KAVREL_DIRECT_ERR_CRC;
 constexpr bool CM2 = false, NIR = true;
 
-inline device_slot &active() {
-    return g_devices[g_active_index];
-}
+const auto active = []() -> device_slot & { return g_devices[g_active_index]; };
 
 // A test fixture with a fake bridge installed and a clean device table.
 class DeviceTest : public ::testing::Test {
