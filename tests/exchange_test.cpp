@@ -172,6 +172,8 @@ TEST_F(Exchange, Cm2RefusalsAndBridgeFailures) {
     EXPECT_EQ(cm2_write(0xC7, 0, Bytes(2017, 1).data(), 2017), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(cm2_write(0xC7, 0, nullptr, 1), KAVREL_DIRECT_ERR_INVALID_ARG);
     EXPECT_EQ(bridge.trace(), "");
+    bridge.expect(device, cm2_write_bytes(0xC7, 0, Bytes(2016, 1)), at_once(cm2_reply(0xC7, 0, {})));
+    EXPECT_EQ(cm2_write(0xC7, 0, Bytes(2016, 1).data(), 2016), OK);
     bridge.instrument(device).script.push_back(Step{std::nullopt, {}, 0, 31});
     EXPECT_EQ(cm2_query(0xC1, 0x41, 2, answer, sizeof answer, &length), IO);
     bridge.instrument(device).fail_read_after = 1;
