@@ -128,10 +128,9 @@ TEST_F(Libftdi, ListsEachInterfaceWithItsLetterAndCutsTexts) {
     std::vector<std::string> serials, descriptions;
     for (const BridgeEntry &e : list()) serials.push_back(e.serial_number), descriptions.push_back(e.description);
     EXPECT_EQ(bridge.last_error(), "");
-    const std::vector<std::string> expect_serials = {std::string(15, 'S'), "FT2A", "FT2B",
-                                                     std::string(14, 'T') + "A", std::string(14, 'T') + "B",
-                                                     "FT4A", "FT4B", "FT4C", "FT4D", "FTH", "FTX"};
-    EXPECT_EQ(serials, expect_serials);
+    const std::string s15(15, 'S'), t14(14, 'T');
+    EXPECT_EQ(serials, (std::vector<std::string>{s15, "FT2A", "FT2B", t14 + "A", t14 + "B", "FT4A", "FT4B",
+                                                 "FT4C", "FT4D", "FTH", "FTX"}));
     EXPECT_EQ(descriptions[0], std::string(63, 'D'));
     EXPECT_EQ(descriptions[2], "Dual RS232-HS B");
     EXPECT_EQ(descriptions[3], std::string(61, 'E') + " A");

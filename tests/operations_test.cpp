@@ -27,8 +27,7 @@ struct Row {
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Requests and replies: CM2 query, write, reply, acknowledge and command
-// block status; NIR command and acknowledged reply.
+// Requests and replies: CM2 query, write, reply and acknowledgement; NIR command and reply.
 const auto Q = cm2_query_bytes;
 const auto N = nir_frame;
 const auto W = cm2_write_bytes;

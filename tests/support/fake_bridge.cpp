@@ -33,7 +33,8 @@ std::string FakeBridge::trace() const {
     for (size_t i = 0; i < calls.size();) {
         const auto runs = [&](size_t k) {  // how many times the next k calls come in a row
             size_t n = 1;
-            while (i + (n + 1) * k <= calls.size() && std::equal(&calls[i], &calls[i] + k, &calls[i + n * k])) ++n;
+            const auto *c = &calls[i];
+            while (i + (n + 1) * k <= calls.size() && std::equal(c, c + k, c + n * k)) ++n;
             return n;
         };
         const size_t k = runs(1) > 1 || runs(2) == 1 ? 1 : 2, n = runs(k);

@@ -200,8 +200,8 @@ struct SpectralModel {
 
     Bytes answer(const Bytes &request, bool nir) const {
         if (nir) {
-            const bool query = request[0] == 0x3F && request[1] == 0x53;
-            return nir_reply(query ? le_floats(table) : Bytes(request[0] == 0x53 ? 2 * table.size() : 40, 0xAA));
+            const bool table_query = request[0] == 0x3F && request[1] == 0x53, spectrum = request[0] == 0x53;
+            return nir_reply(table_query ? le_floats(table) : Bytes(spectrum ? 2 * table.size() : 40, 0xAA));
         }
         const uint8_t reg = request[21];
         const uint32_t address = static_cast<uint32_t>(request[22] << 16) | load_be16(&request[23]);
@@ -218,7 +218,7 @@ struct SpectralModel {
     }
     // Makes bridge device answer as this model, in the given protocol.
     void serve(FakeBridge &bridge, int device, bool nir) const {
-        bridge.instrument(device).responder = [=](const Bytes &request) { return at_once(answer(request, nir)); };
+        bridge.instrument(device).responder = [=](const Bytes &w) { return at_once(answer(w, nir)); };
     }
 };
 
