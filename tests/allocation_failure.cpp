@@ -1,11 +1,9 @@
 // Every allocation the library makes, made to fail in turn, in every device
 // operation and both protocols: the call returns -5, writes nothing, keeps
 // the slot's caches, leaks nothing, and the device answers the same call
-// correctly afterwards.
-//
-// A program of its own, since it replaces the global allocation functions:
-// they count (and fail) only what the library allocates during an operation,
-// not what the test or the fake instrument behind the provider allocate.
+// correctly afterwards. A program of its own, since it replaces the global
+// allocation functions: they count (and fail) only what the library
+// allocates during an operation, not what the test or the fake allocate.
 #include <cstdlib>
 #include <new>
 
@@ -20,8 +18,7 @@ namespace {
 thread_local int t_counting = 0;  // > 0 while the library runs for the test
 int g_counted = 0;                // allocations counted since the last reset
 int g_fail_at = 0;                // the counted allocation that fails; 0: none
-// The counted allocations not yet freed.
-void *g_live[64];
+void *g_live[64];  // the counted allocations not yet freed
 int g_live_count = 0;
 
 void release(void *memory) {
@@ -41,37 +38,19 @@ void *operator new(size_t bytes) {
     if (counted && g_live_count < 64) g_live[g_live_count++] = memory;
     return memory;
 }
-void *operator new[](size_t bytes) {
-    return operator new(bytes);
-}
+// clang-format off
+void *operator new[](size_t bytes) { return operator new(bytes); }
 void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
-    try {
-        return operator new(bytes);
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
+    try { return operator new(bytes); } catch (const std::bad_alloc &) { return nullptr; }
 }
-void *operator new[](size_t bytes, const std::nothrow_t &tag) noexcept {
-    return operator new(bytes, tag);
-}
-void operator delete(void *memory) noexcept {
-    release(memory);
-}
-void operator delete[](void *memory) noexcept {
-    release(memory);
-}
-void operator delete(void *memory, size_t) noexcept {
-    release(memory);
-}
-void operator delete[](void *memory, size_t) noexcept {
-    release(memory);
-}
-void operator delete(void *memory, const std::nothrow_t &) noexcept {
-    release(memory);
-}
-void operator delete[](void *memory, const std::nothrow_t &) noexcept {
-    release(memory);
-}
+void *operator new[](size_t bytes, const std::nothrow_t &tag) noexcept { return operator new(bytes, tag); }
+void operator delete(void *memory) noexcept { release(memory); }
+void operator delete[](void *memory) noexcept { release(memory); }
+void operator delete(void *memory, size_t) noexcept { release(memory); }
+void operator delete[](void *memory, size_t) noexcept { release(memory); }
+void operator delete(void *memory, const std::nothrow_t &) noexcept { release(memory); }
+void operator delete[](void *memory, const std::nothrow_t &) noexcept { release(memory); }
+// clang-format on
 
 namespace kavrel::test {
 namespace {
@@ -83,42 +62,28 @@ struct Counting {
     const int step;
 };
 
-// Stands in front of the fake bridge and stops the count for every call
-// into it: the fake instrument's allocations are not the library's.
-#define UNCOUNTED(result, call, params, ...)                    \
-    result call params {                                         \
-        Counting paused(-1);                                     \
-        return Forwarder::call(__VA_ARGS__);                     \
-    }
-struct Uncounted : platform::Forwarder {
-    using Forwarder::Forwarder;
-    using S = platform::Status;
-    using H = platform::Handle;
-    UNCOUNTED(S, create_device_info_list, (uint32_t * n), n)
-    UNCOUNTED(S, get_device_info_list, (platform::BridgeEntry * e, uint32_t *n), e, n)
-    UNCOUNTED(S, open, (int i, H *h), i, h)
-    UNCOUNTED(S, close, (H h), h)
-    UNCOUNTED(S, set_timeouts, (H h, uint32_t r, uint32_t w), h, r, w)
-    UNCOUNTED(S, set_latency_timer, (H h, uint8_t ms), h, ms)
-    UNCOUNTED(S, set_usb_parameters, (H h, uint32_t i, uint32_t o), h, i, o)
-    UNCOUNTED(S, reset_device, (H h), h)
-    UNCOUNTED(S, purge, (H h, uint32_t m), h, m)
-    UNCOUNTED(S, write, (H h, const void *b, uint32_t n, uint32_t *w), h, b, n, w)
-    UNCOUNTED(S, read, (H h, void *b, uint32_t n, uint32_t *r), h, b, n, r)
-    UNCOUNTED(void, sleep_ms, (uint32_t ms), ms)
-};
+// The fake bridge's table with the count stopped in every call: the fake
+// instrument's allocations are not the library's.
+const platform::Platform *g_fake = nullptr;
+#define UNCOUNTED(call) \
+    table.call = [](void *, auto... a) { Counting paused(-1); return g_fake->call(g_fake->context, a...); }
+platform::Platform uncounted(const platform::Platform &fake) {
+    platform::Platform table = *(g_fake = &fake);
+    UNCOUNTED(create_device_info_list), UNCOUNTED(get_device_info_list), UNCOUNTED(open), UNCOUNTED(close);
+    UNCOUNTED(set_timeouts), UNCOUNTED(set_latency_timer), UNCOUNTED(set_usb_parameters), UNCOUNTED(purge);
+    UNCOUNTED(reset_device), UNCOUNTED(write), UNCOUNTED(read), UNCOUNTED(sleep_ms);
+    return table;
+}
 
 // Listing and opening again, besides the device operations.
 const Operation kTableOperations[] = {
-    EVERY_OP("chip serial", get_chip_serial_by_index(0, o.text, 40), false, false),
-    EVERY_OP("open again", open_device_by_chip_serial("ALLOC001"), false, false),
+    EVERY_OP(get_chip_serial_by_index(0, o.text, 40)), EVERY_OP(open_device_by_chip_serial("ALLOC001")),
 };
 
 class AllocationFailure : public DeviceTest, public ::testing::WithParamInterface<bool> {
 protected:
     SpectralModel model;
-    Uncounted uncounted{platform::current()};
-    platform::Platform table = platform::provider_table("uncounted", uncounted);
+    platform::Platform table = uncounted(platform::current());
 
     void SetUp() override {
         DeviceTest::SetUp();
@@ -132,8 +97,7 @@ protected:
     // statics already made.
     int32_t run(const Operation &op, Outputs &out, int nth) {
         device_slot &s = active();
-        s.wavelength_count = 0, s.selection_valid = 1, s.start_index = 1, s.end_index = 3;
-        s.selected_count = 3;
+        s.wavelength_count = 0, s.selection_valid = s.start_index = 1, s.end_index = s.selected_count = 3;
         out.fill();
         g_counted = g_live_count = 0;
         g_fail_at = nth;
@@ -177,14 +141,16 @@ TEST_P(AllocationFailure, EachAllocationFailsInTurnAndTheDeviceAnswersAfterwards
 TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
     using namespace platform;
     using namespace platform::fake_ftdi;
-    g_chips.emplace_back().product = 0x6010;  // two interfaces, two bridges
-    bool completed = false;
-    for (int nth = 1; !completed; ++nth) {
+    Chip &chip = g_chips.emplace_back();
+    chip.product = 0x6010;  // two interfaces, two bridges
+    uint32_t n = 0, done = 0;
+    uint8_t bytes[8] = {};
+    for (int nth = 1, completed = 0; !completed; ++nth) {
         SCOPED_TRACE(nth);
         // The stand-in's own records must not grow while the count runs.
-        g_chips.back().endpoints.reserve(16);
-        g_chips.back().packets.clear();
-        g_chips.back().send(g_clock.now_ms() + 1, 100);
+        chip.endpoints.reserve(16);
+        chip.packets.clear();
+        chip.send(g_clock.now_ms() + 1, 100);
         {
             LibftdiBridge bridge(kFake, g_clock);
             Handle h = nullptr;
@@ -192,8 +158,6 @@ TEST(LibftdiAllocationFailure, EachAllocationFailsInTurnAndNothingIsKept) {
             g_fail_at = nth;
             try {
                 Counting counting;
-                uint32_t n = 0, done = 0;
-                uint8_t bytes[8] = {};
                 bridge.create_device_info_list(&n);
                 if (bridge.open(1, &h) == kOk) {
                     bridge.set_usb_parameters(h, 65536, 65536);

@@ -123,25 +123,22 @@ TEST_F(Devices, ABridgeThatWillNotOpenSerialsMatchedExactlyAndThePreference) {
     EXPECT_EQ(g_protocol_preference, 2u);
 }
 
+// A bridge of another provider with the serial of an open one is opened
+// all the same, in a slot of its own.
 TEST_F(Devices, ADeviceKeepsTheProviderThatOpenedIt) {
-    const int a = open_cm2("FIRST");
-    {
-        FakeBridge other;  // now the provider in force
-        other.attach("FIRST");
-        bridge.expect(a, cm2_query_bytes(0xC1, 0x46, 4), at_once(cm2_reply(0xC1, 0x46, Bytes(16, 'M'))));
-        char model[32];
-        EXPECT_EQ(kavrel_direct_get_device_model(model, sizeof model), KAVREL_DIRECT_OK);
-        // A bridge of the other provider with the serial of an open one is
-        // opened all the same, in a slot of its own.
-        kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_CM2);
-        EXPECT_EQ(kavrel_direct_open_device(0), KAVREL_DIRECT_OK);
-        EXPECT_EQ(table(), "1 32767 2 1 1");
-        kavrel_direct_close_device();
-        EXPECT_EQ(other.trace(), "list, entries 1, open 0, " + kSetUp + ", close 0");
-    }
+    open_cm2("FIRST");
+    FakeBridge other;  // now the provider in force
+    other.attach("FIRST");
+    kavrel_direct_set_protocol_preference(KAVREL_DIRECT_PROTOCOL_CM2);
+    EXPECT_EQ(kavrel_direct_open_device(0), KAVREL_DIRECT_OK);
+    EXPECT_EQ(table(), "1 32767 2 1 1");
+    bridge.reply_any(0, at_once(cm2_reply(0xC1, 0x40, {0, 0, 1, 0x90})));
+    uint32_t time = 0;
+    EXPECT_EQ(kavrel_direct_select_device(0) + kavrel_direct_get_integration_time(&time), KAVREL_DIRECT_OK);
     kavrel_direct_close_all_devices();
     EXPECT_EQ(bridge.trace(),
-              "purge 3, write 32, timeouts 200 5000, read 28:28, read 20:20, timeouts 5000 5000, close 0");
+              "purge 3, write 32, timeouts 200 5000, read 28:28, read 8:8, timeouts 5000 5000, close 0");
+    EXPECT_EQ(other.trace(), "list, entries 1, open 0, " + kSetUp + ", close 0");
 }
 
 // Drivers that misbehave inside a call. Thrown: no exception crosses the C
@@ -211,19 +208,16 @@ TEST_F(Devices, AReadOverstatedIsNotBelieved) {
 
 TEST(NullProvider, ListsNothingAndFailsEveryCall) {
     const platform::Bridge null(platform::null_provider());
-    uint32_t count = 9, done = 9;
+    uint32_t count = 9, listed = 1, done = 9, read = 9;
     platform::BridgeEntry entry;
     platform::Handle h = nullptr;
-    EXPECT_EQ(null.create_device_info_list(&count) + count, platform::kNoDriver);
-    count = 1;
-    EXPECT_EQ(null.get_device_info_list(&entry, &count) + count, platform::kNoDriver);
-    EXPECT_EQ(null.write(h, &count, 1, &done) + done, platform::kNoDriver);
-    done = 9;
-    EXPECT_EQ(null.read(h, &count, 1, &done) + done, platform::kNoDriver);
-    for (platform::Status status :
-         {null.open(0, &h), null.close(h), null.set_timeouts(h, 1, 1), null.set_latency_timer(h, 1),
-          null.set_usb_parameters(h, 1, 1), null.purge(h, 3), null.reset_device(h)})
-        EXPECT_EQ(status, platform::kNoDriver);
+    EXPECT_EQ((std::vector<platform::Status>{
+                  null.create_device_info_list(&count), null.get_device_info_list(&entry, &listed),
+                  null.write(h, &count, 1, &done), null.read(h, &count, 1, &read), null.open(0, &h),
+                  null.close(h), null.set_timeouts(h, 1, 1), null.set_latency_timer(h, 1),
+                  null.set_usb_parameters(h, 1, 1), null.purge(h, 3), null.reset_device(h)}),
+              std::vector<platform::Status>(11, platform::kNoDriver));
+    EXPECT_EQ(str(count, listed, done, read), "0 0 0 0");
     const double before = null.now_ms();
     null.sleep_ms(2);
     EXPECT_GT(null.now_ms(), before);

@@ -27,14 +27,12 @@ struct Row {
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Requests and replies: CM2 query, write, reply, acknowledge and command
-// block status; NIR command and acknowledged reply.
+// Requests and replies: CM2 query, write, reply and acknowledgement; NIR command and reply.
 const auto Q = cm2_query_bytes;
 const auto N = nir_frame;
 const auto W = cm2_write_bytes;
 const auto R = [](const Bytes &data, uint8_t code = 0xAC) { return cm2_reply(0xC1, 0, data, code); };
 const Bytes ACK = R({});
-const auto status = [](uint8_t state) { return R({0xC0, state, 0, 0, 0, 0, 0, 0}); };
 const auto A = [](const Bytes &data) { return nir_reply(data); };
 // The head, then t n times.
 Script repeat(Script head, int n, const Traffic &t) {
@@ -94,12 +92,10 @@ Call cached(Call call) {
         return rc;
     };
 }
-void select_two(device_slot &s) {
-    s.selection_valid = 1, s.start_index = 1, s.end_index = 2, s.selected_count = 2;
-}
-void select_three(device_slot &s) {
-    s.selection_valid = 1, s.start_index = 1, s.selected_count = 3;
-}
+const auto select_two = [](device_slot &s) {
+    s.selection_valid = s.start_index = 1, s.end_index = s.selected_count = 2;
+};
+const auto select_three = [](device_slot &s) { s.selection_valid = s.start_index = 1, s.selected_count = 3; };
 const auto count_4 = [](device_slot &s) { s.wavelength_count = 4; };
 
 Call selection_after(double start, double end) {
@@ -113,26 +109,23 @@ Call selection_after(double start, double end) {
     };
 }
 
-// How many bytes a page read put at the start of its buffer.
-Call page_read(uint16_t page, int32_t length) {
+// How many values a page read or an external spectrum put at the start of
+// its buffer, and the first.
+template <typename T>
+Call leading(int32_t (*fn)(uint16_t, T *, int32_t), uint16_t page_or_control, int32_t room) {
     return [=](Out &out) {
-        Bytes buffer(1100, 0xEE);
-        const int32_t rc = kavrel_direct_flash_read(page, buffer.data(), length);
-        out = str(std::find(buffer.begin(), buffer.end(), 0xEE) - buffer.begin());
+        std::vector<T> v(3000, static_cast<T>(0xBEEF));
+        const int32_t rc = fn(page_or_control, v.data(), room);
+        out = str(std::find(v.begin(), v.end(), v.back()) - v.begin(), v[0]);
         return rc;
     };
 }
+const auto page_read = [](uint16_t page, int32_t n) { return leading(kavrel_direct_flash_read, page, n); };
+const auto external = [](uint16_t control, int32_t count) {
+    return leading(kavrel_direct_external_spectrum_control, control, count);
+};
 Call page_write(uint16_t page, const Bytes &data, int32_t n) {
     return [=](Out &) { return kavrel_direct_flash_write(page, data.empty() ? nullptr : data.data(), n); };
-}
-
-Call external(uint16_t control, int32_t count) {
-    return [=](Out &out) {
-        std::vector<uint16_t> v(3000, 0xBEEF);
-        const int32_t rc = kavrel_direct_external_spectrum_control(control, v.data(), count);
-        out = str(std::find(v.begin(), v.end(), 0xBEEF) - v.begin(), v[0]);
-        return rc;
-    };
 }
 
 // Four values, with no room named.
@@ -166,8 +159,8 @@ Traffic block(uint32_t address, Bytes head) {
     head.resize(8, 0);
     return {W(0xC1, address, head), ACK};
 }
-Traffic poll(uint32_t address, uint8_t state) {
-    return {Q(0xC1, address, 2), status(state)};
+Traffic poll(uint32_t address, uint8_t state) {  // a command block's status
+    return {Q(0xC1, address, 2), R({0xC0, state, 0, 0, 0, 0, 0, 0})};
 }
 
 // An NIR spectrum frame, read with 99 points cached; the point count after.
@@ -332,16 +325,16 @@ const Row kRows[] = {
     // the page buffer in whole words, at most 1024 bytes.
     {"PageRead", CM2, page_read(0x0A0B, 10),
      {block(0x4A, {0xC0, 0xDD, 0x0A, 0x0B}), poll(0x4A, 0x00), poll(0x4A, 0xDD), poll(0x4A, 0xAA),
-     {Q(0xC7, 0, 3), R(Bytes(16, 0x61))}}, 12, "12", 100},
+     {Q(0xC7, 0, 3), R(Bytes(16, 0x61))}}, 12, "12 97", 100},
     {"PageReadAtMost1024", CM2, page_read(1, 1500),
      {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 256), R(Bytes(1040, 0x61))}}, 1024,
-     "1024", 0},
+     "1024 97", 0},
     {"PageReadShort", CM2, page_read(1, 8),
-     {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 2), R({1, 2, 3, 4})}}, 4, "4"},
+     {block(0x4A, {0xC0, 0xDD, 0, 1}), poll(0x4A, 0xAA), {Q(0xC7, 0, 2), R({1, 2, 3, 4})}}, 4, "4 1"},
     {"PageReadStatusShort", CM2, page_read(3, 16),
-     {block(0x4A, {0xC0, 0xDD, 0, 3}), {Q(0xC1, 0x4A, 2), R({0, 0xAA, 0, 0})}}, IO, "0"},
+     {block(0x4A, {0xC0, 0xDD, 0, 3}), {Q(0xC1, 0x4A, 2), R({0, 0xAA, 0, 0})}}, IO, "0 239"},
     {"PageReadGivesUp", CM2, page_read(3, 16),
-     repeat({block(0x4A, {0xC0, 0xDD, 0, 3})}, 50, poll(0x4A, 0)), TIMEOUT, "0", 2500},
+     repeat({block(0x4A, {0xC0, 0xDD, 0, 3})}, 50, poll(0x4A, 0)), TIMEOUT, "0 239", 2500},
     // The write opens the protection, fills the buffer, and commands the page
     // with the CRC-32 of the caller's bytes.
     {"PageWrite", CM2, page_write(0x0102, {'a', 'b', 'c'}, 3),
@@ -354,7 +347,8 @@ const Row kRows[] = {
      repeat({kOpenProtection, {W(0xC7, 0, {1, 2, 3, 4}), ACK},
      block(0x4A, {0xCF, 0xDD, 0, 3, 0xB6, 0x3C, 0xFB, 0xCD})}, 50, poll(0x4A, 0)), TIMEOUT, "", 2500},
     // NIR: one command each way, a second of quiet.
-    {"PageRead", NIR, page_read(0x0102, 16), {{N({0x3F, 0xAF, 1, 2}), A(Bytes(20, 0x33))}}, 16, "16", 1090},
+    {"PageRead", NIR, page_read(0x0102, 16), {{N({0x3F, 0xAF, 1, 2}), A(Bytes(20, 0x33))}}, 16, "16 51",
+     1090},
     {"PageWriteLongest", NIR, page_write(7, kLong, 8187), {{N(concat({{0xAF, 0, 7}, kLong})), A({})}}, OK},
 
     // An external spectrum: a start block, polls 10 ms apart, then the

@@ -46,58 +46,41 @@ struct Operation {
     bool spectral;  // sized by what the instrument reports: may also give -5 (and -1 without a selection)
 };
 
-// An operation's call on the outputs o, then cm2_only and spectral.
-#define EVERY_OP(name, call, ...) \
-    { name, []([[maybe_unused]] Outputs &o) { return kavrel_direct_##call; }, __VA_ARGS__ }
+// An operation's call on the outputs o, named by its text; CM2_OP: only
+// CM2 instruments have it, SPECTRAL_OP: spectral.
+#define OPERATION(call, cm2_only, spectral) \
+    { #call, []([[maybe_unused]] Outputs &o) { return kavrel_direct_##call; }, cm2_only, spectral }
+#define EVERY_OP(call) OPERATION(call, false, false)
+#define CM2_OP(call) OPERATION(call, true, false)
+#define SPECTRAL_OP(call) OPERATION(call, false, true)
 // clang-format off
 inline const Operation kEveryOperation[] = {
-    EVERY_OP("set integration time", set_integration_time(20000), false, false),
-    EVERY_OP("integration time", get_integration_time(o.u32), false, false),
-    EVERY_OP("set average number", set_average_number(3), false, false),
-    EVERY_OP("average number", get_average_number(o.u8), false, false),
-    EVERY_OP("set level output", set_level_output(1), false, false),
-    EVERY_OP("level output", get_level_output(o.u8), false, false),
-    EVERY_OP("set xenon pulse", set_xenon_pulse(1, 2), true, false),
-    EVERY_OP("xenon pulse", get_xenon_pulse(o.u32, o.u32 + 1), true, false),
-    EVERY_OP("set xenon mode", set_xenon_mode(1), true, false),
-    EVERY_OP("xenon mode", get_xenon_mode(o.u8), true, false),
-    EVERY_OP("set trigger", set_external_trigger_config(1, 2, 3), true, false),
-    EVERY_OP("trigger", get_external_trigger_config(o.u8, o.u8 + 1, o.u8 + 2), true, false),
-    EVERY_OP("set dac", set_dac_voltage(0x123), true, false),
-    EVERY_OP("dac", get_dac_voltage(&o.u16), true, false),
-    EVERY_OP("capture status", get_spectrum_capture_status(&o.u64), true, false),
-    EVERY_OP("temperature", get_temperature(&o.degrees), false, false),
-    EVERY_OP("hardware version", get_hardware_version(o.text, 40), false, false),
-    EVERY_OP("detector serial", get_detector_serial_number(o.text, 40), true, false),
-    EVERY_OP("model", get_device_model(o.text, 40), false, false),
-    EVERY_OP("set baud rate", set_usb_baud_rate(0x30), true, false),
-    EVERY_OP("baud rate", get_usb_baud_rate(&o.u16), true, false),
-    EVERY_OP("usb status", get_usb_status(o.u32), true, false),
-    EVERY_OP("set serial", set_serial_number("SN0001"), true, false),
-    EVERY_OP("serial", get_serial_number(o.text, 40), false, false),
-    EVERY_OP("device info", get_device_info(&o.info), false, false),
-    EVERY_OP("set stored integration time", set_stored_integration_time(5), true, false),
-    EVERY_OP("stored integration time", get_stored_integration_time(o.u32), true, false),
-    EVERY_OP("set stored average number", set_stored_average_number(2), true, false),
-    EVERY_OP("stored average number", get_stored_average_number(o.u8), true, false),
-    EVERY_OP("set stored smoothing", set_stored_smoothing_width(2), false, false),
-    EVERY_OP("stored smoothing", get_stored_smoothing_width(o.u8), true, false),
-    EVERY_OP("slit width", get_slit_width(o.u8), true, false),
-    EVERY_OP("open write protect", set_flash_write_protect(), false, false),
-    EVERY_OP("write protect", get_flash_write_protect(o.u32), false, false),
-    EVERY_OP("coefficients", get_calibration_coefficients(o.coefficients), false, false),
-    EVERY_OP("count", get_wavelength_count(&o.u16), false, true),
-    EVERY_OP("whole table", get_full_wavelength_data(o.wavelengths, 4096), false, true),
-    EVERY_OP("end values", get_full_wavelength_range(&o.low, &o.high), false, true),
-    EVERY_OP("set selection", set_selected_wavelength_range(g_select_from, g_select_to), false, true),
-    EVERY_OP("selection", get_selected_wavelength_range(&o.selection), false, true),
-    EVERY_OP("selected wavelengths", get_selected_wavelength_data(o.wavelengths, 4096), false, true),
-    EVERY_OP("whole spectrum", get_full_spectrum_data(o.samples, 4096), false, true),
-    EVERY_OP("selected spectrum", get_selected_spectrum_data(o.samples, 4096), false, true),
-    EVERY_OP("flash write", flash_write(3, o.page, 4), false, false),
-    EVERY_OP("flash read", flash_read(3, o.page, 16), false, false),
-    EVERY_OP("external spectrum", external_spectrum_control(1, o.samples, 4096), true, true),
-    EVERY_OP("reset", reset_device(), false, false),
+    EVERY_OP(set_integration_time(20000)), EVERY_OP(get_integration_time(o.u32)),
+    EVERY_OP(set_average_number(3)), EVERY_OP(get_average_number(o.u8)), EVERY_OP(set_level_output(1)),
+    EVERY_OP(get_level_output(o.u8)), CM2_OP(set_xenon_pulse(1, 2)),
+    CM2_OP(get_xenon_pulse(o.u32, o.u32 + 1)), CM2_OP(set_xenon_mode(1)), CM2_OP(get_xenon_mode(o.u8)),
+    CM2_OP(set_external_trigger_config(1, 2, 3)),
+    CM2_OP(get_external_trigger_config(o.u8, o.u8 + 1, o.u8 + 2)), CM2_OP(set_dac_voltage(0x123)),
+    CM2_OP(get_dac_voltage(&o.u16)), CM2_OP(get_spectrum_capture_status(&o.u64)),
+    EVERY_OP(get_temperature(&o.degrees)), EVERY_OP(get_hardware_version(o.text, 40)),
+    CM2_OP(get_detector_serial_number(o.text, 40)), EVERY_OP(get_device_model(o.text, 40)),
+    CM2_OP(set_usb_baud_rate(0x30)), CM2_OP(get_usb_baud_rate(&o.u16)), CM2_OP(get_usb_status(o.u32)),
+    CM2_OP(set_serial_number("SN0001")), EVERY_OP(get_serial_number(o.text, 40)),
+    EVERY_OP(get_device_info(&o.info)), CM2_OP(set_stored_integration_time(5)),
+    CM2_OP(get_stored_integration_time(o.u32)), CM2_OP(set_stored_average_number(2)),
+    CM2_OP(get_stored_average_number(o.u8)), EVERY_OP(set_stored_smoothing_width(2)),
+    CM2_OP(get_stored_smoothing_width(o.u8)), CM2_OP(get_slit_width(o.u8)),
+    EVERY_OP(set_flash_write_protect()), EVERY_OP(get_flash_write_protect(o.u32)),
+    EVERY_OP(get_calibration_coefficients(o.coefficients)), SPECTRAL_OP(get_wavelength_count(&o.u16)),
+    SPECTRAL_OP(get_full_wavelength_data(o.wavelengths, 4096)),
+    SPECTRAL_OP(get_full_wavelength_range(&o.low, &o.high)),
+    SPECTRAL_OP(set_selected_wavelength_range(g_select_from, g_select_to)),
+    SPECTRAL_OP(get_selected_wavelength_range(&o.selection)),
+    SPECTRAL_OP(get_selected_wavelength_data(o.wavelengths, 4096)),
+    SPECTRAL_OP(get_full_spectrum_data(o.samples, 4096)),
+    SPECTRAL_OP(get_selected_spectrum_data(o.samples, 4096)), EVERY_OP(flash_write(3, o.page, 4)),
+    EVERY_OP(flash_read(3, o.page, 16)),
+    OPERATION(external_spectrum_control(1, o.samples, 4096), true, true), EVERY_OP(reset_device()),
 };
 // clang-format on
 

@@ -29,20 +29,18 @@ int FakeBridge::attach(const std::string &serial) {
 }
 
 std::string FakeBridge::trace() const {
-    const std::vector<std::string> &items = calls;
     std::string out;
-    for (size_t i = 0; i < items.size();) {
-        size_t period = 1, times = 1;  // the shortest repeating run here
-        for (size_t k = 1; k <= 2 && times == 1; ++k) {
-            period = k;
-            while (i + (times + 1) * k <= items.size() &&
-                   std::equal(items.begin() + i, items.begin() + i + k, items.begin() + i + times * k))
-                ++times;
-        }
-        if (times == 1) period = 1;
-        std::string item = period == 2 ? "(" + items[i] + ", " + items[i + 1] + ")" : items[i];
-        out += (out.empty() ? "" : ", ") + item + (times > 1 ? " x" + std::to_string(times) : "");
-        i += period * times;
+    for (size_t i = 0; i < calls.size();) {
+        const auto runs = [&](size_t k) {  // how many times the next k calls come in a row
+            size_t n = 1;
+            const auto *c = &calls[i];
+            while (i + (n + 1) * k <= calls.size() && std::equal(c, c + k, c + n * k)) ++n;
+            return n;
+        };
+        const size_t k = runs(1) > 1 || runs(2) == 1 ? 1 : 2, n = runs(k);
+        out += (out.empty() ? "" : ", ") + (k == 2 ? "(" + calls[i] + ", " + calls[i + 1] + ")" : calls[i]) +
+               (n > 1 ? " x" + std::to_string(n) : "");
+        i += k * n;
     }
     return out;
 }
@@ -102,66 +100,63 @@ platform::Status FakeBridge::read(platform::Handle h, void *buffer, uint32_t cou
     return fails ? 4 : 0;
 }
 
-// The tests' own codec: CRC-32 (IEEE 802.3, reflected) and CRC-16/MODBUS bit
-// by bit, fields big-endian.
+// The tests' own codec: fields big-endian, CRCs bit by bit.
+uint32_t crc_bitwise(uint32_t reg, uint32_t polynomial, const uint8_t *bytes, size_t length) {
+    for (size_t i = 0; i < length; ++i) {
+        reg ^= bytes[i];
+        for (int bit = 0; bit < 8; ++bit) reg = (reg >> 1) ^ (polynomial & (0u - (reg & 1u)));
+    }
+    return reg;
+}
+
 namespace {
 
 void put_be(Bytes &out, uint32_t value, int bytes) {
     while (bytes-- > 0) out.push_back(static_cast<uint8_t>(value >> (8 * bytes)));
 }
 
-Bytes cm2_packet(uint8_t srv, bool from_host, uint16_t file_len, uint16_t data_len, uint8_t reg,
-                 uint32_t address, uint8_t reply, const Bytes &data) {
+// A query names the words it asks for and carries none; other packets
+// carry their data padded to whole words.
+Bytes cm2_packet(uint8_t srv, uint16_t asked, uint8_t reg, uint32_t address, uint8_t reply,
+                 const Bytes &data) {
+    const bool query = srv == 0x0D;
+    const auto words = static_cast<uint16_t>(query ? asked : (data.size() + 3) / 4);
     Bytes out{0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAB, 0xCC};
-    put_be(out, from_host ? 0x00010002 : 0x00020001, 4);  // target, source
+    put_be(out, query || srv == 0xAD ? 0x00010002 : 0x00020001, 4);  // target, source
     out.insert(out.end(), {srv, 0xEE});
-    put_be(out, file_len, 2);
-    put_be(out, data_len, 2);
+    put_be(out, words, 2);
+    put_be(out, query ? 0 : words, 2);
     out.insert(out.end(), {0x01, 0x01, reg});
     put_be(out, address, 3);
     out.insert(out.end(), {0x00, 0x00, reply});
     out.insert(out.end(), data.begin(), data.end());
     out.resize(28 + (data.size() + 3) / 4 * 4, 0);
-    uint32_t crc = 0xFFFFFFFFu;
-    for (size_t i = 8; i < out.size(); ++i) {
-        crc ^= out[i];
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    put_be(out, ~crc, 4);
+    put_be(out, ~crc_bitwise(0xFFFFFFFFu, 0xEDB88320u, &out[8], out.size() - 8), 4);
     return out;
 }
 
 }  // namespace
 
 Bytes cm2_query_bytes(uint8_t reg, uint32_t address, uint16_t words) {
-    return cm2_packet(0x0D, true, words, 0, reg, address, 0x00, {});
+    return cm2_packet(0x0D, words, reg, address, 0x00, {});
 }
 
 Bytes cm2_write_bytes(uint8_t reg, uint32_t address, const Bytes &data) {
-    const auto words = static_cast<uint16_t>((data.size() + 3) / 4);
-    return cm2_packet(0xAD, true, words, words, reg, address, 0x00, data);
+    return cm2_packet(0xAD, 0, reg, address, 0x00, data);
 }
 
 Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_code) {
-    const auto words = static_cast<uint16_t>((data.size() + 3) / 4);
-    return cm2_packet(data.empty() ? 0xEA : 0xE0, false, words, words, reg, address, reply_code, data);
+    return cm2_packet(data.empty() ? 0xEA : 0xE0, 0, reg, address, reply_code, data);
 }
 
 Bytes nir_frame(const Bytes &command) {
-    uint16_t crc = 0xFFFF;
-    for (uint8_t byte : command) {
-        crc ^= byte;
-        for (int k = 0; k < 8; ++k) crc = static_cast<uint16_t>((crc >> 1) ^ (0xA001u & (0u - (crc & 1u))));
-    }
     Bytes out = command;
-    put_be(out, crc, 2);
+    put_be(out, crc_bitwise(0xFFFF, 0xA001, command.data(), command.size()), 2);  // CRC-16/MODBUS
     return out;
 }
 
 Bytes nir_reply(const Bytes &data, uint8_t ack) {
-    Bytes body{ack};
-    body.insert(body.end(), data.begin(), data.end());
-    return nir_frame(body);
+    return nir_frame(concat({{ack}, data}));
 }
 
 }  // namespace kavrel::test

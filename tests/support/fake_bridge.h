@@ -1,18 +1,12 @@
 // A fake USB bridge with scripted instruments, on the library's timing
-// engine in virtual time.
-//
-// Each attached bridge plays a script: every write takes the next step, is
-// compared with the bytes the step expects (a mismatch fails the test with
-// both sides in hex) and schedules the step's reply in the bridge's inbox.
-// Reads, purges and the clock are the engine's, so a two-minute time limit
-// passes in microseconds. Every bridge call is recorded, so a test states
-// the traffic as one line (trace()).
-//
-// Requests and replies are built by an encoder of the tests' own, CRCs
-// included, so a fault in the library's codec cannot hide on both sides.
-//
-// Also here: a model spectrometer that answers every request, the spectral
-// ones from its own wavelength table, and the fixture of the device tests.
+// engine in virtual time: each write takes the next step of its bridge's
+// script, is compared with the bytes the step expects (a mismatch fails the
+// test, both sides in hex) and schedules the step's reply; reads, purges and
+// the clock are the engine's, so a two-minute limit passes in microseconds.
+// Every call is recorded (trace()). Requests and replies come from an
+// encoder of the tests' own, so a fault in the library's codec cannot hide
+// on both sides. Also: a model spectrometer answering from its wavelength
+// table, and the fixture of the device tests.
 #ifndef KAVREL_TESTS_FAKE_BRIDGE_H
 #define KAVREL_TESTS_FAKE_BRIDGE_H
 
@@ -29,7 +23,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "kavrel_direct.h"
@@ -75,8 +68,7 @@ struct FakeInstrument {
     std::string serial;
     std::string description = "Fake Spectrometer";
     std::deque<Step> script;
-    // Answers writes once the script is used up; none: a write then fails
-    // the test.
+    // Answers writes once the script is used up; none: a write then fails the test.
     std::function<std::vector<Chunk>(const Bytes &)> responder;
     int fail_read_after = -1;  // the read after this many fails (-1: never)
     uint32_t read_limit_ms = 5000;
@@ -90,8 +82,7 @@ public:
 
     int attach(const std::string &serial);  // a bridge; returns its list position
     FakeInstrument &instrument(int index) { return instruments_[static_cast<size_t>(index)]; }
-    // Scripts the next write of bridge index: the bytes it must carry (or
-    // any), and the reply.
+    // Scripts the next write of bridge index: the bytes it must carry (none: any), the reply.
     void expect(int index, std::optional<Bytes> request, std::vector<Chunk> reply = {}) {
         instrument(index).script.push_back(Step{std::move(request), std::move(reply), 0, std::nullopt});
     }
@@ -172,36 +163,26 @@ private:
 Bytes cm2_query_bytes(uint8_t reg, uint32_t address, uint16_t words);
 Bytes cm2_write_bytes(uint8_t reg, uint32_t address, const Bytes &data);
 Bytes cm2_reply(uint8_t reg, uint32_t address, const Bytes &data, uint8_t reply_code = 0xAC);
+// A reflected CRC, bit by bit: CRC-32 with 0xEDB88320, CRC-16 with 0xA001.
+uint32_t crc_bitwise(uint32_t reg, uint32_t polynomial, const uint8_t *bytes, size_t length);
 // NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
 Bytes nir_frame(const Bytes &command);
 Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
 // The whole reply, arriving at once.
-inline std::vector<Chunk> at_once(const Bytes &bytes) {
-    return {Chunk{bytes, 0}};
-}
+const auto at_once = [](const Bytes &bytes) { return std::vector<Chunk>{Chunk{bytes, 0}}; };
 
 // Values as the instruments send them, most significant byte first (big)
 // or last: samples and calibration coefficients big-endian, wavelength
-// entries (floats) little-endian.
+// entries (floats) little-endian, as every host the tests run on.
 template <typename T>
 Bytes encode(const std::vector<T> &values, bool big = true) {
-    using Bits = std::conditional_t<sizeof(T) == 2, uint16_t,
-                                    std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>;
-    Bytes out;
-    for (const T &value : values) {
-        Bits bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        for (size_t i = 0; i < sizeof bits; ++i)
-            out.push_back(static_cast<uint8_t>(bits >> 8 * (big ? sizeof bits - 1 - i : i)));
-    }
+    const auto *bytes = reinterpret_cast<const uint8_t *>(values.data());
+    Bytes out(bytes, bytes + sizeof(T) * values.size());
+    for (size_t i = 0; big && i < out.size(); i += sizeof(T)) std::reverse(&out[i], &out[i] + sizeof(T));
     return out;
 }
-inline Bytes le_floats(const std::vector<float> &values) {
-    return encode(values, false);
-}
-inline Bytes be_samples(const std::vector<uint16_t> &values) {
-    return encode(values, true);
-}
+const auto le_floats = [](const std::vector<float> &values) { return encode(values, false); };
+const auto be_samples = [](const std::vector<uint16_t> &values) { return encode(values); };
 
 inline Bytes concat(std::initializer_list<Bytes> parts) {
     Bytes out;
@@ -209,16 +190,22 @@ inline Bytes concat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
+// A model spectrometer. CM2: every write is acknowledged; queries of the
+// point count and the table are served from the model, any other query gets
+// the words asked for, all 0xAA (so a command block's status reads back
+// done). NIR: the table, a spectrum of as many samples, and 40 bytes of
+// 0xAA for any other command.
 struct SpectralModel {
     std::vector<float> table;
 
-    // CM2: every write is acknowledged; queries of the point count and the
-    // table are served from the model, and any other query gets the words
-    // asked for, all 0xAA (so a command block's status reads back done).
-    std::vector<Chunk> answer_cm2(const Bytes &request) const {
+    Bytes answer(const Bytes &request, bool nir) const {
+        if (nir) {
+            const bool table_query = request[0] == 0x3F && request[1] == 0x53, spectrum = request[0] == 0x53;
+            return nir_reply(table_query ? le_floats(table) : Bytes(spectrum ? 2 * table.size() : 40, 0xAA));
+        }
         const uint8_t reg = request[21];
         const uint32_t address = static_cast<uint32_t>(request[22] << 16) | load_be16(&request[23]);
-        if (request[13] != 0x0D) return at_once(cm2_reply(reg, address, {}));
+        if (request[13] != 0x0D) return cm2_reply(reg, address, {});
         const size_t words = load_be16(&request[15]);
         Bytes data(4 * words, 0xAA);
         if (reg == 0xC2 && address == 0x0B) {
@@ -227,21 +214,11 @@ struct SpectralModel {
             const auto first = table.begin() + std::min<long>(address, static_cast<long>(table.size()));
             data = le_floats({first, first + std::min<long>(static_cast<long>(words), table.end() - first)});
         }
-        return at_once(cm2_reply(reg, address, data));
+        return cm2_reply(reg, address, data);
     }
-
-    // NIR: the table, a spectrum of as many samples, and 40 bytes of 0xAA
-    // for any other command.
-    std::vector<Chunk> answer_nir(const Bytes &frame) const {
-        if (frame[0] == 0x3F && frame[1] == 0x53) return at_once(nir_reply(le_floats(table)));
-        return at_once(nir_reply(Bytes(frame[0] == 0x53 ? 2 * table.size() : 40, 0xAA)));
-    }
-
     // Makes bridge device answer as this model, in the given protocol.
     void serve(FakeBridge &bridge, int device, bool nir) const {
-        bridge.instrument(device).responder = [this, nir](const Bytes &written) {
-            return nir ? answer_nir(written) : answer_cm2(written);
-        };
+        bridge.instrument(device).responder = [=](const Bytes &w) { return at_once(answer(w, nir)); };
     }
 };
 
@@ -250,9 +227,7 @@ constexpr int32_t OK = KAVREL_DIRECT_OK, IO = KAVREL_DIRECT_ERR_IO, ARG = KAVREL
                   TIMEOUT = KAVREL_DIRECT_ERR_TIMEOUT, CRC = KAVREL_DIRECT_ERR_CRC;
 constexpr bool CM2 = false, NIR = true;
 
-inline device_slot &active() {
-    return g_devices[g_active_index];
-}
+const auto active = []() -> device_slot & { return g_devices[g_active_index]; };
 
 // A test fixture with a fake bridge installed and a clean device table.
 class DeviceTest : public ::testing::Test {

@@ -57,6 +57,9 @@ inline int g_contexts = 0, g_list_nodes = 0;  // made and not yet freed
 inline Chip &chip_of(void *p) {
     return *static_cast<Chip *>(p);
 }
+inline int control(ftdi_context *f) {  // a control request's result
+    return chip_of(f->usb_dev).control_code;
+}
 
 inline const FtdiCalls kFake = [] {
     FtdiCalls c{};
@@ -92,17 +95,10 @@ inline const FtdiCalls kFake = [] {
         f->max_packet_size = static_cast<unsigned>(chip.packet_size);
         return 0;
     };
-    c.ftdi_usb_close = [](ftdi_context *f) { return chip_of(f->usb_dev).control_code; };
-    c.ftdi_usb_reset = [](ftdi_context *f) { return chip_of(f->usb_dev).control_code; };
-    c.ftdi_tcioflush = [](ftdi_context *f) {
-        return ++chip_of(f->usb_dev).flushes, chip_of(f->usb_dev).control_code;
-    };
-    c.ftdi_set_latency_timer = [](ftdi_context *f, unsigned char) {
-        return chip_of(f->usb_dev).control_code;
-    };
-    c.ftdi_write_data_set_chunksize = [](ftdi_context *f, unsigned) {
-        return chip_of(f->usb_dev).control_code;
-    };
+    c.ftdi_usb_close = c.ftdi_usb_reset = control;
+    c.ftdi_tcioflush = [](ftdi_context *f) { return ++chip_of(f->usb_dev).flushes, control(f); };
+    c.ftdi_set_latency_timer = [](ftdi_context *f, unsigned char) { return control(f); };
+    c.ftdi_write_data_set_chunksize = [](ftdi_context *f, unsigned) { return control(f); };
     // Accepts at most 8 bytes: longer writes come out short.
     c.ftdi_write_data = [](ftdi_context *f, const unsigned char *, int n) {
         chip_of(f->usb_dev).write_timeout = f->usb_write_timeout;
