@@ -178,8 +178,8 @@ const Operation kOperations[] = {
     {"set_xenon_pulse", [](uint32_t a, uint32_t b) { check(kavrel_direct_set_xenon_pulse(a, b)); }},
     OP(get, get_xenon_pulse), SET_GET(xenon_mode),
     {"set_trigger", [](uint32_t a, uint32_t) {
-         check(kavrel_direct_set_external_trigger_config(static_cast<uint8_t>(a), static_cast<uint8_t>(a >> 8),
-                                                         static_cast<uint8_t>(a >> 16)));
+         const auto byte = [a](int n) { return static_cast<uint8_t>(a >> 8 * n); };
+         check(kavrel_direct_set_external_trigger_config(byte(0), byte(1), byte(2)));
      }},
     OP(get, get_external_trigger_config), SET_GET(dac_voltage), OP(get, get_spectrum_capture_status),
     // Identity and status.

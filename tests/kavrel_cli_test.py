@@ -53,7 +53,8 @@ def cm2_query(register, address, words):
 
 
 def drain(fd, enough=1 << 20):
-    """A terminal's bytes, a piece a read, until enough came, it ended (EIO once its writer is gone) or 10 s passed."""
+    """A terminal's bytes, a piece a read, until enough came, it ended (EIO once its writer is gone)
+    or 10 s passed."""
     data = b""
     with contextlib.suppress(OSError):
         while len(data) < enough and select.select([fd], [], [], 10)[0] and (chunk := os.read(fd, 65536)):
@@ -80,7 +81,8 @@ def test_scan_doctor_and_settings_lists():
 def test_info_and_csv_rows_match_the_wavelength_table(serial, protocol, points, tmp_path):
     info = json.loads(ok("-d", serial, "info", "--format", "json"))
     assert (info["chip_serial"], info["protocol"], info["points"]) == (serial, protocol, points)
-    assert info["wavelength_first_nm"] < info["wavelength_last_nm"] and (info["usb_status"] is None) == (serial == NIR)
+    assert info["wavelength_first_nm"] < info["wavelength_last_nm"]
+    assert (info["usb_status"] is None) == (serial == NIR)
     readings = json.loads(ok("-d", serial, "get", "--all", "--format", "json"))
     assert readings["integration_time"] == 10000 and ("xenon_mode" in readings) == (serial == CM2)
     wavelength = wavelength_of("-d", serial)
@@ -175,7 +177,8 @@ def test_progress_bar_only_on_a_terminal():
     (["-d", NIR, "--sim-fault", "no_answer", "get", "average_number"], 19,
      "timeout: the instrument did not answer within 500 ms"),
     (["--sim-fault", "bad_crc:1", "get", "temperature"], 17, "crc: "),
-    (["-d", "NOPE", "info"], 12, 'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
+    (["-d", "NOPE", "info"], 12,
+     'no_device: no bridge has the chip serial "NOPE"; found: KSIM0001, KSIM0002'),
     (["-d", "5", "info"], 12, "no_device: no bridge at index 5"),
     (["--sim-fault", "reply_code:1:0xE3", "get", "level_output"], 20, "write_protect: "),
     (["-d", NIR, "get", "xenon_mode"], 21, "unsupported: "),
@@ -194,7 +197,8 @@ def test_each_failure_has_its_status_and_says_why(args, status, message):
     assert (r.returncode, r.stdout) == (status, b"") and "kavrel: " + message in r.stderr.decode()
 
 
-@pytest.mark.skipif(any(p.read_text() == "0403\n" for p in pathlib.Path("/sys/bus/usb/devices").glob("*/idVendor")),
+@pytest.mark.skipif(any(p.read_text() == "0403\n"
+                        for p in pathlib.Path("/sys/bus/usb/devices").glob("*/idVendor")),
                     reason="a bridge is attached")
 def test_without_hardware_points_to_doctor_and_sim():
     r = run("scan", sim=False)
@@ -257,13 +261,15 @@ def test_sim_server_answers_a_query_split_on_its_terminal():
     with subprocess.Popen([SERVER, "--pty", "--protocol", "cm2"], stdout=subprocess.PIPE) as server:
         try:
             line = os.open(server.stdout.readline().strip(), os.O_RDWR | os.O_NOCTTY)
-            query = cm2_query(0xC1, 0x000046, 4)  # the model text, in two pieces as a serial line may carry it
+            # The model text, in two pieces as a serial line may carry it.
+            query = cm2_query(0xC1, 0x000046, 4)
             os.write(line, query[:10]), os.write(line, query[10:])
             reply = drain(line, 48)
         finally:
             server.terminate()
     assert (len(reply), reply[:8], reply[21:25], reply[27]) == (48, query[:8], query[21:25], 0xAC)
-    assert reply[28:44] == b"KSIM-CM2-2048\0\0\0" and zlib.crc32(reply[8:-4]) == int.from_bytes(reply[-4:], "big")
+    assert reply[28:44] == b"KSIM-CM2-2048\0\0\0"
+    assert zlib.crc32(reply[8:-4]) == int.from_bytes(reply[-4:], "big")
 
 
 if __name__ == "__main__":

@@ -155,7 +155,8 @@ def test_two_instruments_from_two_threads():
 def test_command_line_writes_csv_and_plot(tmp_path, capsys):
     out, png = tmp_path / "s.csv", tmp_path / "s.png"
     # At the default 10 ms no point saturates; at 20 ms the strongest lines do.
-    assert main(["acquire", "--sim", "--integration-time-us", "20000", "-o", str(out), "--plot", str(png)]) == 0
+    args = ["acquire", "--sim", "--integration-time-us", "20000", "-o", str(out), "--plot", str(png)]
+    assert main(args) == 0
     rows = list(csv.DictReader(out.open()))
     assert len(rows) == 2048 and rows[0].keys() == {"wavelength_nm", "counts", "saturated"}
     assert 0 < sum(row["saturated"] == "1" for row in rows) < 100 and float(rows[0]["wavelength_nm"]) < 200

@@ -703,16 +703,11 @@ TEST(Cm2Model, FindsRequestsSplitJoinedAndAfterGarbage) {
     EXPECT_GE(line.replies[1].first_ms, a.first_ms + a.bytes.size() * a.spacing_ms);
 }
 
-Bytes corrupted(Bytes packet) {
-    packet[24] ^= 1;
-    return packet;
-}
-
 // A refusal's status nibble is 0xE for a write the protection forbids, 0xB
 // for any other failure.
 TEST(Cm2Model, RefusesWithTheStatusAndReplyCodeOfTheFault) {
     const std::tuple<const char *, Bytes, uint8_t, uint8_t> refusals[] = {
-        {"CRC wrong", corrupted(query(0xC1, 0x40, 1)), 0xB, 0xE1},
+        {"CRC wrong", [] { Bytes q = query(0xC1, 0x40, 1); q[24] ^= 1; return q; }(), 0xB, 0xE1},
         {"unknown register", query(0xC3, 0, 1), 0xB, 0xE2},
         {"unknown address", query(0xC1, 0x30, 1), 0xB, 0xE2},
         {"run past the map", query(0xC1, 0x00, 5), 0xB, 0xE2},
