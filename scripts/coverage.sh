@@ -20,7 +20,9 @@ find "$build" -name '*.gcda' -delete
 
 roots=(src/)
 [ -d sim ] && roots+=(sim/)
-options=(--root . --object-directory "$build" --exclude-throw-branches --exclude-unreachable-branches)
+# Coverage data is looked for in the build folder alone: the rest of the tree
+# may hold other builds, and the Windows stage's wine prefix links to /.
+options=(--root . --object-directory "$build" --exclude-throw-branches --exclude-unreachable-branches "$build")
 filters=()
 for root in "${roots[@]}"; do filters+=(--filter "$root"); done
 echo "== lines"
