@@ -14,7 +14,6 @@ namespace kavrel::cm2 {
 
 constexpr int32_t kHeadBytes = 28;       // preamble + header
 constexpr int32_t kMinPacketBytes = 32;  // head + CRC, no data
-constexpr int32_t kQueryBytes = 32;
 constexpr int32_t kRequestBufferBytes = 2048;
 constexpr int32_t kMaxWriteData = kRequestBufferBytes - kMinPacketBytes;  // 2016
 constexpr int32_t kMaxPacketBytes = KAVREL_DIRECT_CM2_MAX_PACKET;         // 16384

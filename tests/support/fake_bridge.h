@@ -168,7 +168,6 @@ uint32_t crc_bitwise(uint32_t reg, uint32_t polynomial, const uint8_t *bytes, si
 // NIR frames: command + CRC-16; a reply is ack + data + CRC-16.
 Bytes nir_frame(const Bytes &command);
 Bytes nir_reply(const Bytes &data, uint8_t ack = 0x06);
-// The whole reply, arriving at once.
 const auto at_once = [](const Bytes &bytes) { return std::vector<Chunk>{Chunk{bytes, 0}}; };
 
 // Values as the instruments send them, most significant byte first (big)
