@@ -255,7 +255,7 @@ def test_crc_and_parse_need_no_instrument():
     assert r.returncode == 17 and b"(CRC FAIL)" in r.stdout
 
 
-@pytest.mark.skipif(not SERVER, reason="run by the sim_server_pty test, which names kavrel-sim")
+@pytest.mark.skipif(not SERVER, reason="KAVREL_SIM_SERVER names no kavrel-sim")
 def test_sim_server_answers_a_query_split_on_its_terminal():
     # The server makes its terminal raw: a cooked one would hold the reply back until a line end.
     with subprocess.Popen([SERVER, "--pty", "--protocol", "cm2"], stdout=subprocess.PIPE) as server:
